@@ -1,0 +1,3 @@
+#include "SQliteDbUtil.h"
+
+SQliteDbUtil::SQliteDbUtil() : stopRequested(false) {}

@@ -1,0 +1,54 @@
+// utils-inspect: the command-line front end of the utils library.
+#include "Command.h"
+
+#include <QCoreApplication>
+#include <QGuiApplication>
+
+#include <algorithm>
+
+using namespace inspect;
+
+static void printUsage() {
+    out("usage: utils-inspect COMMAND [ARGS...] [--json]");
+    out("");
+    out("Reads evidence files without writing to them. Commands:");
+    QList<Command> list = commands();
+    std::sort(list.begin(), list.end(), [](const Command& a, const Command& b) { return a.name < b.name; });
+    for (const Command& c : list) out("  " + c.synopsis);
+    out("");
+    out("utils-inspect COMMAND --help describes one command.");
+}
+
+static int dispatch(QStringList args);
+
+int main(int argc, char** argv) {
+    QStringList args;
+    for (int i = 1; i < argc; ++i) args << QString::fromLocal8Bit(argv[i]);
+    bool gui = false;
+    for (const Command& c : commands())
+        if (!args.isEmpty() && c.name == args.first()) gui = c.needsGui;
+    if (gui) {
+        // Drawing needs a GUI application; the offscreen platform needs no display.
+        if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
+        QGuiApplication app(argc, argv);
+        return dispatch(args);
+    }
+    QCoreApplication app(argc, argv);
+    return dispatch(args);
+}
+
+static int dispatch(QStringList args) {
+    if (args.isEmpty() || args.first() == "--help" || args.first() == "-h" || args.first() == "help") {
+        if (args.size() >= 2 && args.first() == "help") {
+            args = QStringList{args.at(1), "--help"};
+        } else {
+            printUsage();
+            return args.isEmpty() ? Usage : Ok;
+        }
+    }
+    const QString name = args.takeFirst();
+    for (const Command& c : commands())
+        if (c.name == name) return c.run(args);
+    fail(QString("unknown command '%1' (see utils-inspect --help)").arg(name), Usage);
+    return Usage;
+}
