@@ -11,7 +11,8 @@ MMKVParser::MMKVParser(const QString& path) {
 void MMKVParser::loadFromFile(const QString& path) {
     QByteArray data;
     QFile file(path);
-    if (file.open(QIODevice::ReadOnly)) {
+    // An empty path is skipped rather than handed to QFile, which would warn about it.
+    if (!path.isEmpty() && file.open(QIODevice::ReadOnly)) {
         data = file.readAll();
         file.close();
     }
