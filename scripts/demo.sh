@@ -13,5 +13,9 @@ echo
 echo "== live rows of message =="
 "$tool" rows "$db" message
 echo
-echo "== deleted rows recovered from message (pattern $(cat examples/chat.pattern)) =="
-"$tool" recover "$db" message "$(cat examples/chat.pattern)" --with-header --free-list
+echo "== deleted messages: whole cells left in unallocated space and on free-list pages =="
+"$tool" recover "$db" message iissii --with-header --free-list
+echo
+echo "== deleted messages and contacts in freeblocks (the cell's first 4 bytes are overwritten) =="
+"$tool" recover "$db" message issii
+"$tool" recover "$db" contact sss
