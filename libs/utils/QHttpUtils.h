@@ -22,6 +22,8 @@ public:
     static int statusCode(QNetworkReply* reply);
     // The whole body, inflated when it is compressed. The stream format is chosen by the body's
     // first bytes (gzip magic, otherwise zlib), not by the header's word.
+    // Send "Accept-Encoding" with the request: when Qt adds that header itself, it inflates the
+    // body on its own but keeps "Content-Encoding", and the inflation here then yields nothing.
     static QByteArray uncompressedData(QNetworkReply* reply);
     // As uncompressedData; with checkError an empty array for a reply that failed.
     static QByteArray readAllEx(QNetworkReply* reply, bool checkError);
