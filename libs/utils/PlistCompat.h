@@ -1,0 +1,36 @@
+// Internal: a thin layer over the installed libplist that gives the library the calling
+// conventions of current libplist releases (parse and serialise calls that report an error
+// code, one release function for serialised buffers) and protects the parser against inputs
+// that the installed release handles badly. Not exported; never include from a public header.
+#pragma once
+
+#include <plist/plist.h>
+
+#include <cstdint>
+
+namespace plistcompat {
+
+// Error codes as current libplist releases name them.
+enum Error : int {
+    PLIST_ERR_SUCCESS = 0,
+    PLIST_ERR_INVALID_ARG = -1,
+    PLIST_ERR_FORMAT = -2,
+    PLIST_ERR_PARSE = -3,
+    PLIST_ERR_NO_MEM = -4,
+    PLIST_ERR_UNKNOWN = -255
+};
+
+// Deepest nesting of containers accepted by plist_from_memory. Far beyond anything a real
+// property list holds; deeper inputs would only serve to exhaust the stack of the recursive
+// readers and converters.
+constexpr unsigned kMaxDepth = 1000;
+
+// Parses binary or XML bytes. *plist is assigned only on success (a fresh tree owned by the
+// caller) and left untouched otherwise.
+Error plist_from_memory(const char* data, uint32_t length, plist_t* plist);
+// Serialises node; on success *out is a buffer to release with plist_mem_free.
+Error plist_to_xml(plist_t node, char** out, uint32_t* length);
+Error plist_to_bin(plist_t node, char** out, uint32_t* length);
+void plist_mem_free(void* buffer);
+
+} // namespace plistcompat
