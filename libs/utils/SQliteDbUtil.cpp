@@ -360,6 +360,10 @@ bool SQliteDbUtil::parseTables() {
     parseMasterTable();
     QRegExp statement(QStringLiteral("CREATE TABLE\\s+(\\S+)\\s?\\((.*)\\)"), Qt::CaseSensitive, QRegExp::RegExp);
     QRegExp word(QStringLiteral("[^ ]*"), Qt::CaseSensitive, QRegExp::RegExp);
+    // The statement pattern cannot match a statement that kept IF NOT EXISTS (the engine drops
+    // those words, other writers keep them); such a table is registered without columns.
+    const QRegExp ifNotExists(QStringLiteral("CREATE TABLE\\s+IF\\s+NOT\\s+EXISTS\\s"), Qt::CaseSensitive,
+                              QRegExp::RegExp);
     const QRegExp whitespace(QStringLiteral("\\s"));
     const QList<QList<QVariant>> rows = fetchRecordsInTable(QStringLiteral("sqlite_master"));
     for (const QList<QVariant>& row : rows) {
@@ -369,7 +373,8 @@ bool SQliteDbUtil::parseTables() {
         sql.remove(QLatin1Char('\'')).remove(QLatin1Char('"'));
         sql.replace(whitespace, QStringLiteral(" "));
         if (type != QLatin1String("table")) continue;
-        if (statement.indexIn(sql) < 0) continue;
+        const bool matched = statement.indexIn(sql) >= 0;
+        if (!matched && ifNotExists.indexIn(sql) < 0) continue;
 
         SQliteTable table;
         table.name = row.at(2).toString();
@@ -377,8 +382,8 @@ bool SQliteDbUtil::parseTables() {
         table.pages = fetchTablePagesByRootPage(table.rootPage);
         // The column map holds the first word of every comma-separated part, table
         // constraints included; a statement whose name capture is not the table's name
-        // (CREATE TABLE IF NOT EXISTS ...) registers the table without columns.
-        if (statement.cap(1) == table.name) {
+        // registers the table without columns.
+        if (matched && statement.cap(1) == table.name) {
             const QStringList parts = statement.cap(2).trimmed().split(QLatin1Char(','), Qt::KeepEmptyParts);
             for (int i = 0; i < parts.size(); ++i) {
                 const QString part = parts.at(i).trimmed();

@@ -1,0 +1,113 @@
+// Helpers for the SQLite reader tests: databases made with the sqlite3 library in a temporary
+// folder, byte patches at page offsets, and the format's varint encoding.
+#pragma once
+
+#include <QByteArray>
+#include <QFile>
+#include <QString>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <functional>
+
+namespace fixtures {
+
+// A database made by the real engine; exec() runs SQL on it while it is open.
+class EngineDb {
+public:
+    explicit EngineDb(const QString& path) : m_path(path) {
+        QFile::remove(path);
+        if (sqlite3_open(path.toUtf8().constData(), &m_db) != SQLITE_OK) ADD_FAILURE() << "cannot create " << path.toStdString();
+    }
+    ~EngineDb() { close(); }
+    void exec(const QString& sql) {
+        char* error = nullptr;
+        if (sqlite3_exec(m_db, sql.toUtf8().constData(), nullptr, nullptr, &error) != SQLITE_OK) {
+            ADD_FAILURE() << "sqlite3: " << (error ? error : "?") << " in " << sql.toStdString();
+            sqlite3_free(error);
+        }
+    }
+    // Runs a statement with bound parameters once per call of bind.
+    void insert(const QString& sql, const std::function<void(sqlite3_stmt*)>& bind) {
+        sqlite3_stmt* st = nullptr;
+        ASSERT_EQ(sqlite3_prepare_v2(m_db, sql.toUtf8().constData(), -1, &st, nullptr), SQLITE_OK) << sqlite3_errmsg(m_db);
+        bind(st);
+        EXPECT_EQ(sqlite3_step(st), SQLITE_DONE) << sqlite3_errmsg(m_db);
+        sqlite3_finalize(st);
+    }
+    sqlite3* handle() const { return m_db; }
+    qint64 pragma(const QString& name) {
+        sqlite3_stmt* st = nullptr;
+        sqlite3_prepare_v2(m_db, ("PRAGMA " + name).toUtf8().constData(), -1, &st, nullptr);
+        qint64 v = sqlite3_step(st) == SQLITE_ROW ? sqlite3_column_int64(st, 0) : -1;
+        sqlite3_finalize(st);
+        return v;
+    }
+    void close() {
+        if (m_db) sqlite3_close(m_db);
+        m_db = nullptr;
+    }
+    const QString& path() const { return m_path; }
+
+private:
+    QString m_path;
+    sqlite3* m_db = nullptr;
+};
+
+inline QByteArray readFile(const QString& path) {
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+inline void writeFile(const QString& path, const QByteArray& bytes) {
+    QFile f(path);
+    ASSERT_TRUE(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    f.write(bytes);
+}
+
+// Overwrites bytes at offset within page (1-based) of the file.
+inline void patch(const QString& path, int pageSize, int page, int offset, const QByteArray& bytes) {
+    QFile f(path);
+    ASSERT_TRUE(f.open(QIODevice::ReadWrite));
+    ASSERT_TRUE(f.seek(qint64(page - 1) * pageSize + offset));
+    f.write(bytes);
+}
+
+inline QByteArray be16(int v) {
+    QByteArray b(2, '\0');
+    b[0] = char((v >> 8) & 0xFF);
+    b[1] = char(v & 0xFF);
+    return b;
+}
+
+inline QByteArray be32(quint32 v) {
+    QByteArray b(4, '\0');
+    for (int i = 0; i < 4; ++i) b[i] = char((v >> (24 - 8 * i)) & 0xFF);
+    return b;
+}
+
+// The file format's varint: big-endian groups of 7 bits, the ninth byte whole.
+inline QByteArray varint(quint64 v) {
+    if (v > 0x00FFFFFFFFFFFFFFULL) {
+        QByteArray b(9, '\0');
+        b[8] = char(v & 0xFF);
+        v >>= 8;
+        for (int i = 7; i >= 0; --i) {
+            b[i] = char((v & 0x7F) | 0x80);
+            v >>= 7;
+        }
+        return b;
+    }
+    QByteArray b;
+    b.prepend(char(v & 0x7F));
+    v >>= 7;
+    while (v) {
+        b.prepend(char((v & 0x7F) | 0x80));
+        v >>= 7;
+    }
+    return b;
+}
+
+} // namespace fixtures
