@@ -38,7 +38,9 @@ struct ReceivedRequest {
 class LocalHttpServer : public QObject {
     Q_OBJECT
 public:
-    explicit LocalHttpServer(QObject* parent = nullptr) : QObject(parent) {
+    // The listening socket is a child, so that moveToThread takes it along; call start() from
+    // the server's thread.
+    explicit LocalHttpServer(QObject* parent = nullptr) : QObject(parent), m_server(this) {
         connect(&m_server, &QTcpServer::newConnection, this, &LocalHttpServer::onNewConnection);
     }
 
