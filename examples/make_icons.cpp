@@ -299,8 +299,9 @@ std::vector<Icon> icons() {
              document(p, kAmber, "ZIP");
              p.setPen(Qt::NoPen);
              p.setBrush(kInk);
-             for (int y = 12; y < 66; y += 8)
-                 p.drawRect(QRectF(y % 16 ? 26 : 32, y, 6, 4));
+             // Zipper teeth down the left side of the page.
+             for (int k = 0; k < 8; ++k)
+                 p.drawRect(QRectF(k % 2 ? 30 : 36, 14 + k * 6, 6, 4));
          }},
         {"qml_doc.png", [](QPainter& p) { document(p, kBlue, "DOC"); }},
         {"qml_ppt.png", [](QPainter& p) { document(p, kOrange, "PPT"); }},
