@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 namespace plistcompat {
@@ -156,6 +157,19 @@ uint64_t xmlDepth(const char* data, uint64_t length, uint64_t limit) {
         if (data[i] != '<') continue;
         const char* p = data + i + 1;
         const uint64_t left = length - i - 1;
+        // Comments and character data may hold anything; skip them whole.
+        const char* skipTo = nullptr;
+        if (left >= 3 && std::memcmp(p, "!--", 3) == 0)
+            skipTo = "-->";
+        else if (left >= 8 && std::memcmp(p, "![CDATA[", 8) == 0)
+            skipTo = "]]>";
+        if (skipTo) {
+            uint64_t j = i + 1;
+            while (j + 3 <= length && std::memcmp(data + j, skipTo, 3) != 0)
+                ++j;
+            i = j + 2;
+            continue;
+        }
         const bool closing = (*p == '/');
         const char* name = closing ? p + 1 : p;
         const uint64_t nameLeft = closing ? left - 1 : left;
@@ -180,11 +194,66 @@ uint64_t xmlDepth(const char* data, uint64_t length, uint64_t limit) {
     return deepest;
 }
 
+// XML has no UID element; archives write a reference as a dictionary whose only entry is
+// "CF$UID" with an integer. Current libplist releases read such a dictionary back as a UID
+// node; the installed release keeps the dictionary. Returns the UID node that replaces node,
+// or null when node stays.
+plist_t uidFromDictionary(plist_t node) {
+    if (plist_get_node_type(node) != PLIST_DICT || plist_dict_get_size(node) != 1) return nullptr;
+    plist_t value = plist_dict_get_item(node, "CF$UID");
+    if (!value || plist_get_node_type(value) != PLIST_UINT) return nullptr;
+    uint64_t uid = 0;
+    plist_get_uint_val(value, &uid);
+    return plist_new_uid(uid);
+}
+
+void convertXmlUids(plist_t node, unsigned depth) {
+    if (depth > kMaxDepth) return;
+    const plist_type type = plist_get_node_type(node);
+    if (type == PLIST_ARRAY) {
+        const uint32_t size = plist_array_get_size(node);
+        for (uint32_t i = 0; i < size; ++i) {
+            plist_t item = plist_array_get_item(node, i);
+            if (plist_t uid = uidFromDictionary(item))
+                plist_array_set_item(node, uid, i);
+            else
+                convertXmlUids(item, depth + 1);
+        }
+    } else if (type == PLIST_DICT) {
+        // Replacing entries while iterating is not safe: collect first, then replace.
+        std::vector<std::pair<char*, plist_t>> replace;
+        plist_dict_iter it = nullptr;
+        plist_dict_new_iter(node, &it);
+        if (!it) return;
+        for (;;) {
+            char* key = nullptr;
+            plist_t value = nullptr;
+            plist_dict_next_item(node, it, &key, &value);
+            if (!key || !value) {
+                std::free(key);
+                break;
+            }
+            if (plist_t uid = uidFromDictionary(value)) {
+                replace.emplace_back(key, uid);
+            } else {
+                convertXmlUids(value, depth + 1);
+                std::free(key);
+            }
+        }
+        std::free(it);
+        for (auto& entry : replace) {
+            plist_dict_set_item(node, entry.first, entry.second);
+            std::free(entry.first);
+        }
+    }
+}
+
 } // namespace
 
 Error plist_from_memory(const char* data, uint32_t length, plist_t* plist) {
     if (!data || length == 0 || !plist) return PLIST_ERR_INVALID_ARG;
-    if (::plist_is_binary(data, length)) {
+    const bool binary = ::plist_is_binary(data, length) != 0;
+    if (binary) {
         BinaryList list;
         if (parseTrailer(data, length, &list)) {
             const uint64_t budget = std::max(kMinNodeBudget, kNodesPerByte * uint64_t(length));
@@ -201,6 +270,14 @@ Error plist_from_memory(const char* data, uint32_t length, plist_t* plist) {
     plist_t parsed = nullptr;
     ::plist_from_memory(data, length, &parsed);
     if (!parsed) return PLIST_ERR_PARSE;
+    if (!binary) {
+        if (plist_t uid = uidFromDictionary(parsed)) {
+            ::plist_free(parsed);
+            parsed = uid;
+        } else {
+            convertXmlUids(parsed, 0);
+        }
+    }
     *plist = parsed;
     return PLIST_ERR_SUCCESS;
 }

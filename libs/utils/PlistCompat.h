@@ -1,6 +1,7 @@
 // Internal: a thin layer over the installed libplist that gives the library the calling
-// conventions of current libplist releases (parse and serialise calls that report an error
-// code, one release function for serialised buffers) and protects the parser against inputs
+// conventions and reading of current libplist releases (parse and serialise calls that report
+// an error code, one release function for serialised buffers, UIDs read back from XML) and
+// protects the parser against inputs
 // that the installed release handles badly. Not exported; never include from a public header.
 #pragma once
 
@@ -26,7 +27,8 @@ enum Error : int {
 constexpr unsigned kMaxDepth = 1000;
 
 // Parses binary or XML bytes. *plist is assigned only on success (a fresh tree owned by the
-// caller) and left untouched otherwise.
+// caller) and left untouched otherwise. In XML, a dictionary whose only entry is "CF$UID"
+// with an integer becomes a UID node, as current releases read it.
 Error plist_from_memory(const char* data, uint32_t length, plist_t* plist);
 // Serialises node; on success *out is a buffer to release with plist_mem_free.
 Error plist_to_xml(plist_t node, char** out, uint32_t* length);
