@@ -1,0 +1,110 @@
+// utils-inspect's SQLite subcommands on the bundled sample and on bad input.
+#include "SqliteFixtures.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QTemporaryDir>
+
+namespace {
+
+struct ToolRun {
+    int code = -1;
+    QString out, err;
+};
+
+ToolRun tool(const QStringList& args) {
+    QProcess p;
+    p.start(QString(UTILS_TOOL_PATH), args);
+    p.waitForFinished(60000);
+    return {p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1, QString::fromUtf8(p.readAllStandardOutput()),
+            QString::fromUtf8(p.readAllStandardError())};
+}
+
+const QString kSample = QString(UTILS_SOURCE_DIR) + "/examples/chat.db";
+
+} // namespace
+
+TEST(ToolSqlite, TablesRowsAndRecoveryOnTheSample) {
+    const ToolRun tables = tool({"tables", kSample});
+    ASSERT_EQ(tables.code, 0) << tables.err.toStdString();
+    EXPECT_TRUE(tables.out.contains("columns: id, chat_id, sender, body, sent_at, is_from_me"));
+    EXPECT_TRUE(tables.out.contains("contact  root 2"));
+
+    const ToolRun rows = tool({"rows", kSample, "message", "--json"});
+    ASSERT_EQ(rows.code, 0);
+    const QJsonArray records = QJsonDocument::fromJson(rows.out.toUtf8()).array();
+    ASSERT_EQ(records.size(), 98);
+    const QJsonArray first = records.first().toArray();
+    EXPECT_EQ(first.size(), 7);
+    EXPECT_EQ(first.at(0).toInt(), 1);
+    EXPECT_TRUE(first.at(3).isString());
+    EXPECT_EQ(first.at(4).toString(), QString("Are you home tonight?"));
+    EXPECT_TRUE(first.at(5).isDouble());
+
+    const ToolRun recovered = tool({"recover", kSample, "message", "iissii", "--with-header", "--free-list", "--json"});
+    ASSERT_EQ(recovered.code, 0);
+    bool accountNumber = false, fromFreePage = false;
+    for (const QJsonValue& v : QJsonDocument::fromJson(recovered.out.toUtf8()).array()) {
+        const QJsonObject o = v.toObject();
+        const QJsonArray values = o.value("values").toArray();
+        if (values.at(4).toString().contains("GB29 NWBK")) accountNumber = values.at(0).toInt() == 25;
+        if (o.value("source").toString() == "free-list pages" && values.at(4).toString().startsWith("Auto-reply 8"))
+            fromFreePage = true;
+    }
+    EXPECT_TRUE(accountNumber);
+    EXPECT_TRUE(fromFreePage);
+
+    const ToolRun contact = tool({"recover", kSample, "contact", "sss"});
+    EXPECT_EQ(contact.code, 0);
+    EXPECT_TRUE(contact.out.contains("\"Oskar Lind\" | \"+46 70 123 45 67\""));
+}
+
+TEST(ToolSqlite, BlobsAsBase64AndFreeList) {
+    QTemporaryDir dir;
+    const QString path = dir.filePath("b.db");
+    {
+        fixtures::EngineDb db(path);
+        db.exec("PRAGMA secure_delete=OFF; CREATE TABLE b(x BLOB, r REAL); INSERT INTO b VALUES (x'00ff10', 2.5);");
+    }
+    const ToolRun rows = tool({"rows", path, "b", "--json"});
+    ASSERT_EQ(rows.code, 0);
+    const QJsonArray rec = QJsonDocument::fromJson(rows.out.toUtf8()).array().first().toArray();
+    EXPECT_EQ(rec.at(1).toString(), QString("AP8Q"));
+    EXPECT_EQ(rec.at(2).toDouble(), 2.5);
+    EXPECT_TRUE(tool({"rows", path, "b"}).out.contains("x'00ff10' | 2.5"));
+    const ToolRun freeList = tool({"freelist", path, "bf"});
+    EXPECT_EQ(freeList.code, 0);
+    EXPECT_TRUE(freeList.out.startsWith("free-list pages: []"));
+}
+
+TEST(ToolSqlite, BadInputGivesOneLineAndNonZeroExit) {
+    struct Case {
+        QStringList args;
+        int code;
+        QString message;
+    };
+    const QString readme = QString(UTILS_SOURCE_DIR) + "/README.md";
+    const QList<Case> cases = {
+        {{"tables", readme}, 1, "not an SQLite 3 database"},
+        {{"tables", "/nonexistent/x.db"}, 1, "no such file"},
+        {{"tables", QString(UTILS_SOURCE_DIR)}, 1, "is a folder"},
+        {{"rows", kSample, "nope"}, 1, "no table named 'nope'"},
+        {{"recover", kSample, "message", "iqs"}, 2, "bad pattern letter 'q' at position 2"},
+        {{"recover", kSample, "message", ""}, 2, "empty pattern"},
+        {{"rows", kSample}, 2, "missing argument"},
+        {{"tables", kSample, "--bogus"}, 2, "unknown option --bogus"},
+        {{"frobnicate"}, 2, "unknown command"},
+    };
+    for (const Case& c : cases) {
+        const ToolRun r = tool(c.args);
+        EXPECT_EQ(r.code, c.code) << c.args.join(' ').toStdString();
+        EXPECT_TRUE(r.err.contains(c.message)) << r.err.toStdString();
+        EXPECT_EQ(r.err.count('\n'), 1) << r.err.toStdString();
+        EXPECT_TRUE(r.out.isEmpty());
+    }
+    const ToolRun help = tool({"recover", "--help"});
+    EXPECT_EQ(help.code, 0);
+    EXPECT_TRUE(help.out.startsWith("usage: utils-inspect recover DB TABLE PATTERN"));
+}
