@@ -159,6 +159,11 @@ int runProtobuf(const QStringList& argv) {
     const QString as = args.value("--as", "text");
     if (as != "text" && as != "int" && as != "int64")
         return fail(QString("protobuf: --as takes text, int or int64, not '%1'").arg(as), Usage);
+    const QString badPath =
+        QString("protobuf: bad path '%1': expected field numbers separated by dots, such as 2.1.3")
+            .arg(fieldPath);
+    // The reader answers an empty part with its default; here it is a usage error like any other.
+    if (fieldPath.split('.').contains(QString())) return fail(badPath, Usage);
     if (!checkInputFile("protobuf", path)) return Failed;
 
     RawMessage message;
@@ -183,10 +188,7 @@ int runProtobuf(const QStringList& argv) {
             value = QString::number(v);
         }
     } catch (const std::exception&) {
-        return fail(
-            QString("protobuf: bad path '%1': expected field numbers separated by dots, such as 2.1.3")
-                .arg(fieldPath),
-            Usage);
+        return fail(badPath, Usage);
     }
     if (!found) {
         return fail(QString("protobuf: no field at path '%1' that reads as %2")
