@@ -1,0 +1,27 @@
+// Loads arbitrary bytes as a database file and runs every traversal and search over it.
+#include "SQliteDbUtil.h"
+
+#include <QFile>
+#include <QTemporaryFile>
+
+#include <cstddef>
+#include <cstdint>
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static QTemporaryFile file;
+    if (!file.isOpen() && !file.open()) return 0;
+    file.resize(0);
+    file.seek(0);
+    file.write(reinterpret_cast<const char*>(data), qint64(size));
+    file.flush();
+
+    SQliteDbUtil reader;
+    if (!reader.loadDb(file.fileName())) return 0;
+    for (const SQliteTable& t : reader.fetchAllTable()) {
+        reader.fetchRecordsInTable(t.name);
+        reader.searchLostRecord(t.name, "isbd", true);
+        reader.searchLostRecord(t.name, "nsf", false);
+    }
+    reader.searchLostRecordInFreeSpace("isb", false);
+    return 0;
+}
