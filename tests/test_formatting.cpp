@@ -4,6 +4,7 @@
 #include "StringUtil.h"
 
 #include <QDateTime>
+#include <QProcess>
 #include <QRegularExpression>
 
 #include <gtest/gtest.h>
@@ -158,4 +159,26 @@ TEST(Formatting, Json) {
     EXPECT_TRUE(broken2.isEmpty());
     ASSERT_EQ(g_logged.size(), 2);
     EXPECT_TRUE(g_logged.at(0).startsWith("Parse error at  7 :")) << g_logged.at(0).toStdString();
+}
+
+TEST(Formatting, InspectTimestamp) {
+    const QString tool = UTILS_TOOL_PATH;
+    if (tool.isEmpty()) GTEST_SKIP() << "utils-inspect is not built";
+    QProcess p;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("TZ", "CST-8");
+    p.setProcessEnvironment(env);
+    p.start(tool, {"timestamp", "1600000000000", "--format", "yyyy-MM-dd HH:mm"});
+    ASSERT_TRUE(p.waitForFinished(30000));
+    EXPECT_EQ(p.exitCode(), 0);
+    EXPECT_EQ(QString::fromUtf8(p.readAllStandardOutput()), "2020-09-14 04:26\n");
+    p.start(tool, {"timestamp", "0", "--apple"});
+    ASSERT_TRUE(p.waitForFinished(30000));
+    EXPECT_EQ(QString::fromUtf8(p.readAllStandardOutput()), "2001-01-01 08:00:00\n");
+
+    p.start(tool, {"timestamp", "12abc"});
+    ASSERT_TRUE(p.waitForFinished(30000));
+    EXPECT_EQ(p.exitCode(), 1);
+    EXPECT_TRUE(p.readAllStandardOutput().isEmpty());
+    EXPECT_EQ(QString::fromUtf8(p.readAllStandardError()).count('\n'), 1);
 }

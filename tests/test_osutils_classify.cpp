@@ -1,6 +1,7 @@
 #include "OSUtils.h"
 
 #include <QFile>
+#include <QProcess>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -114,4 +115,28 @@ TEST(Classify, HeaderSniffIsTextSearch) {
     ASSERT_EQ(sniffLog.size(), 2);
     EXPECT_TRUE(sniffLog.at(0).contains("abcdMOV and more text"));
     EXPECT_TRUE(g_logged.isEmpty()); // missing files: silent
+}
+
+TEST(Classify, InspectTool) {
+    const QString tool = UTILS_TOOL_PATH;
+    if (tool.isEmpty()) GTEST_SKIP() << "utils-inspect is not built";
+    QTemporaryDir dir;
+    ASSERT_TRUE(dir.isValid());
+    const QString gif = writeFile(dir, "x.gif", "GIF89a");
+    const QString voice = writeFile(dir, "v.AMR", "#!AMR\n");
+    QProcess p;
+    p.start(tool, {"classify", gif, voice});
+    ASSERT_TRUE(p.waitForFinished(30000));
+    EXPECT_EQ(p.exitCode(), 0);
+    const QStringList lines = QString::fromUtf8(p.readAllStandardOutput()).split('\n', Qt::SkipEmptyParts);
+    ASSERT_EQ(lines.size(), 2);
+    EXPECT_TRUE(lines.at(0).contains("picture (type 0)") && lines.at(0).contains("picture header: yes"));
+    EXPECT_TRUE(lines.at(1).contains("audio (type 1)") && lines.at(1).contains("SILK candidate: yes"));
+    EXPECT_TRUE(p.readAllStandardError().isEmpty());
+
+    p.start(tool, {"classify", dir.filePath("missing.png"), gif, "--json"});
+    ASSERT_TRUE(p.waitForFinished(30000));
+    EXPECT_EQ(p.exitCode(), 1);
+    EXPECT_TRUE(QString::fromUtf8(p.readAllStandardOutput()).contains("\"pictureHeader\": true"));
+    EXPECT_EQ(QString::fromUtf8(p.readAllStandardError()).count('\n'), 1);
 }

@@ -1,5 +1,6 @@
 #include "PhoneNumberHelper.h"
 
+#include <QProcess>
 #include <QRegularExpression>
 #include <QSet>
 
@@ -81,4 +82,21 @@ TEST(Phone, NoMarkerOrNoDigits) {
     expectParse("0", "", "", "0");
     expectParse("+999999", "", "", "+999999");
     expectParse("+(44)", "", "", "+(44)");
+}
+
+TEST(Phone, InspectTool) {
+    const QString tool = UTILS_TOOL_PATH;
+    if (tool.isEmpty()) GTEST_SKIP() << "utils-inspect is not built";
+    QProcess p;
+    p.start(tool, {"phone", "+8613800138000", "12015550123", "--json"});
+    ASSERT_TRUE(p.waitForFinished(30000));
+    EXPECT_EQ(p.exitCode(), 0);
+    const QString text = QString::fromUtf8(p.readAllStandardOutput());
+    EXPECT_TRUE(text.contains("\"countryCode\": \"86\"")) << text.toStdString();
+    EXPECT_TRUE(text.contains("\"nationalNumber\": \"12015550123\"")) << text.toStdString();
+
+    p.start(tool, {"phone"});
+    ASSERT_TRUE(p.waitForFinished(30000));
+    EXPECT_EQ(p.exitCode(), 2);
+    EXPECT_EQ(QString::fromUtf8(p.readAllStandardError()).count('\n'), 1);
 }
