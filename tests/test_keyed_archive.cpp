@@ -9,6 +9,7 @@
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QProcess>
 #include <QTemporaryDir>
 
 #include <initializer_list>
@@ -78,6 +79,24 @@ QJsonObject decode(const QByteArray& bytes) {
     NSKeyedArchiver a;
     EXPECT_TRUE(a.loadFromData(bytes));
     return a.json().toObject();
+}
+
+struct ToolRun {
+    int code = -1;
+    QByteArray out;
+    QByteArray err;
+};
+
+// Runs utils-inspect with args; code -1 when it could not be run or did not finish.
+ToolRun runTool(const QStringList& args) {
+    ToolRun run;
+    QProcess process;
+    process.start(QString(UTILS_TOOL_PATH), args);
+    if (!process.waitForFinished(60000)) return run;
+    run.code = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    run.out = process.readAllStandardOutput();
+    run.err = process.readAllStandardError();
+    return run;
 }
 
 } // namespace
@@ -224,4 +243,31 @@ TEST(NSKeyedArchiver, HostileReferenceGraphsEnd) {
     }
     EXPECT_EQ(depth, 1500);
     EXPECT_EQ(v, QJsonValue("bottom"));
+}
+
+TEST(NSKeyedArchiver, InspectToolPrintsResolvedArchives) {
+    if (QString(UTILS_TOOL_PATH).isEmpty()) GTEST_SKIP() << "utils-inspect not built";
+    QTemporaryDir dir;
+    QFile file(dir.filePath("a.archive"));
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(
+        serialise(archive(dict({{"root", uid(1)}}), {dict({{"NS.string", str("hi")}, {"$class", uid(2)}}),
+                                                     classObject("NSString", "NSObject")})));
+    file.close();
+
+    ToolRun run = runTool({"archive", file.fileName()});
+    ASSERT_EQ(run.code, 0) << run.err.toStdString();
+    EXPECT_EQ(QJsonDocument::fromJson(run.out).object(),
+              (QJsonObject{{"root", QJsonObject{{"NS.string", "hi"},
+                                                {"$class", classJson("NSString", "NSObject")}}}}));
+    run = runTool({"archive", "--root", file.fileName()});
+    ASSERT_EQ(run.code, 0);
+    const QJsonObject whole = QJsonDocument::fromJson(run.out).object();
+    EXPECT_EQ(whole.value("$archiver"), QJsonValue("NSKeyedArchiver"));
+    EXPECT_EQ(whole.value("$top"), QJsonValue(QJsonObject()));
+
+    run = runTool({"archive", dir.filePath("missing")});
+    EXPECT_EQ(run.code, 1);
+    EXPECT_EQ(run.err.count('\n'), 1);
+    EXPECT_EQ(runTool({"archive", "--bogus", file.fileName()}).code, 2);
 }

@@ -8,6 +8,10 @@
 #include <QBuffer>
 #include <QDataStream>
 #include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
 #include <QTemporaryDir>
 
 namespace {
@@ -57,6 +61,24 @@ QString sha1Hex(const QByteArray& text) {
     unsigned char digest[SHA_DIGEST_LENGTH];
     SHA1(reinterpret_cast<const unsigned char*>(text.constData()), size_t(text.size()), digest);
     return QString::fromLatin1(QByteArray(reinterpret_cast<const char*>(digest), SHA_DIGEST_LENGTH).toHex());
+}
+
+struct ToolRun {
+    int code = -1;
+    QByteArray out;
+    QByteArray err;
+};
+
+// Runs utils-inspect with args; code -1 when it could not be run or did not finish.
+ToolRun runTool(const QStringList& args) {
+    ToolRun run;
+    QProcess process;
+    process.start(QString(UTILS_TOOL_PATH), args);
+    if (!process.waitForFinished(60000)) return run;
+    run.code = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    run.out = process.readAllStandardOutput();
+    run.err = process.readAllStandardError();
+    return run;
 }
 
 class MbdbTest : public ::testing::Test {
@@ -217,4 +239,39 @@ TEST_F(MbdbTest, TruncatedRecordsComeBackWithZeros) {
     EXPECT_EQ(MbdbUtil::readBytes(&stream, 0xFFFFFFFFUL), QByteArray("ef"));
     EXPECT_EQ(MbdbUtil::readBytes(&stream, 10), QByteArray());
     EXPECT_EQ(MbdbUtil::readBytes(nullptr, 10), QByteArray());
+}
+
+TEST_F(MbdbTest, InspectToolListsRecords) {
+    if (QString(UTILS_TOOL_PATH).isEmpty()) GTEST_SKIP() << "utils-inspect not built";
+    Writer w;
+    w.header().field("HomeDomain").field("Library/Preferences/x.plist").empty().empty().empty();
+    fixedFields(w, 0100644, 123, 1).field("k").field("v");
+    w.field("HomeDomain").field("Library").empty().empty().empty();
+    fixedFields(w, 040755, 0, 0);
+    const QString path = write(w.bytes);
+
+    ToolRun run = runTool({"mbdb", path});
+    ASSERT_EQ(run.code, 0) << run.err.toStdString();
+    const QList<QByteArray> lines = run.out.trimmed().split('\n');
+    ASSERT_EQ(lines.size(), 2);
+    EXPECT_TRUE(lines.at(0).startsWith("1716f8954804ed65ce49136002f8ece136feea57"));
+    EXPECT_TRUE(lines.at(0).endsWith("HomeDomain\tLibrary/Preferences/x.plist"));
+    EXPECT_TRUE(lines.at(1).contains("040755"));
+
+    run = runTool({"mbdb", "--json", path});
+    ASSERT_EQ(run.code, 0);
+    const QJsonArray records = QJsonDocument::fromJson(run.out).array();
+    ASSERT_EQ(records.size(), 2);
+    const QJsonObject first = records.at(0).toObject();
+    EXPECT_EQ(first.value("fileId"), QJsonValue(sha1Hex("HomeDomain-Library/Preferences/x.plist")));
+    EXPECT_EQ(first.value("size"), QJsonValue(123));
+    EXPECT_EQ(first.value("mode"), QJsonValue(0100644));
+    EXPECT_EQ(first.value("lastModified"), QJsonValue(1300000000));
+    EXPECT_EQ(first.value("properties"), QJsonValue(QJsonObject{{"k", "v"}}));
+    EXPECT_EQ(records.at(1).toObject().value("type"), QJsonValue(2));
+
+    run = runTool({"mbdb", write(Writer().header("MBDB").bytes)});
+    EXPECT_EQ(run.code, 1);
+    EXPECT_EQ(run.err.count('\n'), 1);
+    EXPECT_TRUE(run.out.isEmpty());
 }

@@ -11,6 +11,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QProcess>
 #include <QTemporaryDir>
 #include <QtEndian>
 
@@ -103,6 +104,24 @@ QByteArray arrayOf(const QList<quint32>& refs) {
         o.append(reinterpret_cast<const char*>(be), 4);
     }
     return o;
+}
+
+struct ToolRun {
+    int code = -1;
+    QByteArray out;
+    QByteArray err;
+};
+
+// Runs utils-inspect with args; code -1 when it could not be run or did not finish.
+ToolRun runTool(const QStringList& args) {
+    ToolRun run;
+    QProcess process;
+    process.start(QString(UTILS_TOOL_PATH), args);
+    if (!process.waitForFinished(60000)) return run;
+    run.code = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    run.out = process.readAllStandardOutput();
+    run.err = process.readAllStandardError();
+    return run;
 }
 
 QStringList g_debug;
@@ -358,4 +377,36 @@ TEST(PlistUtils, ParserGuardsRefuseHostileListsButKeepSharedLeaves) {
         EXPECT_EQ(PlistUtils::toJson(root), PlistUtils::toJson(deep.get()));
         plist_free(static_cast<plist_t>(root));
     }
+}
+
+TEST(PlistUtils, InspectToolPrintsListsAsJson) {
+    if (QString(UTILS_TOOL_PATH).isEmpty()) GTEST_SKIP() << "utils-inspect not built";
+    QTemporaryDir dir;
+    Tree sample = makeSample();
+    const QString bin = dir.filePath("s.plist");
+    const QString xml = dir.filePath("s.xml");
+    ASSERT_TRUE(PlistUtils::saveToBin(bin, sample.get()));
+    ASSERT_TRUE(PlistUtils::saveToXml(xml, sample.get()));
+    const QByteArray original = readFile(bin);
+
+    ToolRun run = runTool({"plist", bin});
+    ASSERT_EQ(run.code, 0) << run.err.toStdString();
+    EXPECT_EQ(QJsonValue(QJsonDocument::fromJson(run.out).object()), PlistUtils::toJson(sample.get()));
+    EXPECT_EQ(readFile(bin), original); // the examined file is only read
+    run = runTool({"plist", xml});
+    ASSERT_EQ(run.code, 0);
+    EXPECT_EQ(QJsonDocument::fromJson(run.out).object().value("text"), QJsonValue("grüße"));
+
+    QFile garbage(dir.filePath("garbage"));
+    ASSERT_TRUE(garbage.open(QIODevice::WriteOnly));
+    garbage.write("<plist><dict><key>a</key>");
+    garbage.close();
+    for (const QString& path : {garbage.fileName(), dir.filePath("missing"), dir.path()}) {
+        run = runTool({"plist", path});
+        EXPECT_EQ(run.code, 1);
+        EXPECT_TRUE(run.out.isEmpty());
+        EXPECT_EQ(run.err.count('\n'), 1) << run.err.toStdString();
+    }
+    EXPECT_EQ(runTool({"plist"}).code, 2);
+    EXPECT_EQ(runTool({"plist", "--help"}).code, 0);
 }
