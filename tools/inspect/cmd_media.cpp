@@ -11,6 +11,7 @@
 #include <QRegularExpression>
 
 #include <cstdio>
+#include <fcntl.h>
 #include <unistd.h>
 
 using namespace inspect;
@@ -107,10 +108,18 @@ int runDuration(const QStringList& argv) {
                             "suffix (e.g. --name voice.3gp) to measure it through FFmpeg")
                         .arg(path, name));
 
+    // FFmpeg writes its own diagnostics to stderr; keep them out of the one-line error below.
+    fflush(stderr);
+    const int savedStderr = dup(STDERR_FILENO);
+    const int devNull = open("/dev/null", O_WRONLY);
+    if (savedStderr >= 0 && devNull >= 0) dup2(devNull, STDERR_FILENO);
     g_libraryMessages.clear();
     const QtMessageHandler previous = qInstallMessageHandler(collectMessage);
     const QString text = OSUtils::getMediaDuration(name, path, format);
     qInstallMessageHandler(previous);
+    if (savedStderr >= 0 && devNull >= 0) dup2(savedStderr, STDERR_FILENO);
+    if (devNull >= 0) close(devNull);
+    if (savedStderr >= 0) close(savedStderr);
     for (const QString& message : g_libraryMessages) {
         if (message.startsWith("Open media file failed"))
             return fail(path + ": FFmpeg cannot open it as media");
