@@ -9,6 +9,8 @@
 #include <QJsonArray>
 #include <QJsonObject>
 
+#include <cstdio>
+
 using namespace inspect;
 
 namespace {
