@@ -80,6 +80,7 @@ TEST(DbUtils, ManifestBlobsAndLoggedFailures) {
     g_log.clear();
     EXPECT_TRUE(DbUtils::readManifestBlobData(db, "abc").isEmpty());
     EXPECT_FALSE(DbUtils::writeManifestBlobData(db, "abc", "x"));
+    EXPECT_EQ(DbUtils::rowCount(db, "SELECT 1"), 0); // silently
     EXPECT_EQ(g_log, (QStringList{"readManifestBlobData:database is close!",
                                   "writeManifestBlobData: 数据库未开启!"}));
 }

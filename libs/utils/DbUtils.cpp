@@ -33,6 +33,7 @@ QSqlDatabase DbUtils::dataBase(const QString& kind, const QString& path) {
 }
 
 int DbUtils::rowCount(const QSqlDatabase& db, const QString& sql) {
+    if (!db.isOpen()) return 0; // Qt would warn about running a statement on a closed connection
     QSqlQuery query(db);
     if (query.exec(sql) && query.next()) return query.value(0).toInt();
     return 0;
