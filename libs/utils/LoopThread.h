@@ -12,7 +12,7 @@
 class UTILS_EXPORT LoopThread : public QObject {
     Q_OBJECT
 public:
-    LoopThread();
+    explicit LoopThread(QObject* parent = nullptr);
     // Stops the worker. A subclass whose routine() uses its own members must call stop() in its
     // own destructor, since routine() cannot run once the subclass part is gone.
     ~LoopThread() override;
