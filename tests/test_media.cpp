@@ -101,7 +101,7 @@ int runTool(const QStringList& args, const QByteArray& input = QByteArray()) {
 }
 } // namespace
 
-TEST(InspectTool, DurationGzipAndAes) {
+TEST(ToolMedia, DurationGzipAndAes) {
     if (QString(UTILS_TOOL_PATH).isEmpty()) GTEST_SKIP() << "utils-inspect is not built";
     QTemporaryDir dir;
     EXPECT_EQ(runTool({"duration", writeFile(dir, "blob", silk(152, true)), "--name", "voice.slk"}), 0);
