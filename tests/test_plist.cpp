@@ -166,6 +166,52 @@ TEST(PlistUtils, RoundTripsEveryNodeTypeThroughBothFormats) {
     EXPECT_EQ(PlistUtils::toXml(nullptr), QString());
 }
 
+TEST(PlistUtils, BinaryWriterEncodingsAndSpeed) {
+    // Lengths past the 4-bit count, non-ASCII text, wide integers and UIDs, shared leaves.
+    plist_t root = plist_new_array();
+    for (int i = 0; i < 20; ++i)
+        plist_array_append_item(root, plist_new_string("same"));
+    for (uint64_t v : {uint64_t(255), uint64_t(256), uint64_t(70000), uint64_t(1) << 40, uint64_t(-1)})
+        plist_array_append_item(root, plist_new_uint(v));
+    for (uint64_t v : {uint64_t(0), uint64_t(300), uint64_t(70000), (uint64_t(1) << 32) + 5})
+        plist_array_append_item(root, plist_new_uid(v));
+    plist_array_append_item(root, plist_new_string("Zürich, 東京 and 😀 in one string"));
+    plist_array_append_item(root, plist_new_data(QByteArray(300, 'd').constData(), 300));
+    plist_array_append_item(root, plist_new_date(-5, 250000));
+    plist_array_append_item(root, plist_new_real(-0.1));
+    Tree tree(root);
+    const QByteArray bytes = PlistUtils::savaToBinFromByteArray(root);
+    plist_t parsed = nullptr;
+    plist_from_bin(bytes.constData(), uint32_t(bytes.size()), &parsed); // the library's own reader
+    ASSERT_NE(parsed, nullptr);
+    Tree reread(parsed);
+    EXPECT_EQ(PlistUtils::toJson(parsed), PlistUtils::toJson(root));
+    for (uint32_t i = 25; i < 29; ++i) // UIDs keep 32 bits
+        EXPECT_EQ(PlistUtils::getUidValue(plist_array_get_item(parsed, i)),
+                  PlistUtils::getUidValue(plist_array_get_item(root, i)) & 0xFFFFFFFFu);
+    EXPECT_EQ(PlistUtils::getDateValue(plist_array_get_item(parsed, 31)),
+              PlistUtils::getDateValue(plist_array_get_item(root, 31)));
+    EXPECT_LT(bytes.size(), 800); // "same" is stored once
+
+    // Many containers: the writer stays linear.
+    Tree many(plist_new_array());
+    for (int i = 0; i < 200000; ++i) {
+        plist_t d = plist_new_dict();
+        plist_dict_set_item(d, "n", plist_new_uint(uint64_t(i)));
+        plist_array_append_item(static_cast<plist_t>(many.get()), d);
+    }
+    QElapsedTimer timer;
+    timer.start();
+    const QByteArray big = PlistUtils::savaToBinFromByteArray(many.get());
+    EXPECT_LT(timer.elapsed(), 5000);
+    void* loaded = nullptr;
+    ASSERT_TRUE(PlistUtils::loadFromData(big, loaded));
+    Tree bigTree(loaded);
+    EXPECT_EQ(plist_array_get_size(static_cast<plist_t>(loaded)), 200000u);
+    EXPECT_EQ(PlistUtils::getUint64Value(plist_array_get_item(static_cast<plist_t>(loaded), 199999), "n"),
+              199999u);
+}
+
 TEST(PlistUtils, GettersReturnNeutralValuesForAbsentOrMistypedNodes) {
     Tree sample = makeSample();
     void* d = sample.get();
@@ -319,7 +365,7 @@ TEST(PlistUtils, FailedLoadsAndSavesLeaveEverythingUntouched) {
     big.write(QByteArray(100000, 'x'));
     big.close();
     ASSERT_TRUE(PlistUtils::saveToBin(path, sample.get()));
-    EXPECT_EQ(readFile(path), toBin(sample.get()));
+    EXPECT_EQ(readFile(path), PlistUtils::savaToBinFromByteArray(sample.get()));
 }
 
 TEST(PlistUtils, ParserGuardsRefuseHostileListsButKeepSharedLeaves) {

@@ -1,8 +1,12 @@
 #include "PlistCompat.h"
 
+#include <QString>
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -248,6 +252,272 @@ void convertXmlUids(plist_t node, unsigned depth) {
     }
 }
 
+// The installed binary writer looks every container up in a table whose hash does not tell
+// containers apart, so its time grows with the square of the number of arrays and
+// dictionaries, and faster still on trees with many equal subtrees (as parsing a list with
+// shared references produces). This writer is linear: leaves with equal encodings are
+// stored once, as the installed writer does; containers are written as they are. Integers,
+// reals and dates are encoded as the installed writer encodes them.
+class BinaryWriter {
+public:
+    bool write(plist_t root, std::string* out) {
+        if (!root) return false;
+        struct Pending {
+            plist_t node;
+            size_t parent; // object index of the container that refers to node
+        };
+        std::vector<Pending> stack;
+        const size_t none = size_t(-1);
+        stack.push_back({root, none});
+        while (!stack.empty()) {
+            const Pending item = stack.back();
+            stack.pop_back();
+            const plist_type type = plist_get_node_type(item.node);
+            size_t index = 0;
+            if (type == PLIST_ARRAY || type == PLIST_DICT) {
+                index = m_objects.size();
+                m_objects.emplace_back();
+                Object& object = m_objects.back();
+                object.container = true;
+                object.marker = type == PLIST_ARRAY ? 0xA0 : 0xD0;
+                std::vector<plist_t> children;
+                if (type == PLIST_ARRAY) {
+                    const uint32_t size = plist_array_get_size(item.node);
+                    for (uint32_t i = 0; i < size; ++i)
+                        children.push_back(plist_array_get_item(item.node, i));
+                } else if (!collectDict(item.node, index, &children)) {
+                    return false;
+                }
+                m_objects[index].count = children.size();
+                for (auto it = children.rbegin(); it != children.rend(); ++it)
+                    stack.push_back({*it, index});
+            } else {
+                std::string bytes;
+                if (!encodeLeaf(item.node, type, &bytes)) return false;
+                index = leafIndex(bytes);
+            }
+            if (item.parent == none)
+                m_top = index;
+            else
+                m_objects[item.parent].refs.push_back(index);
+        }
+        serialise(out);
+        return true;
+    }
+
+private:
+    struct Object {
+        bool container = false;
+        unsigned char marker = 0;
+        size_t count = 0;
+        std::vector<size_t> refs; // a dictionary's keys first, then its values
+        std::string bytes;        // the encoding of a leaf
+    };
+
+    bool collectDict(plist_t node, size_t index, std::vector<plist_t>* values) {
+        plist_dict_iter it = nullptr;
+        plist_dict_new_iter(node, &it);
+        if (!it) return false;
+        std::vector<size_t> keys;
+        for (;;) {
+            char* key = nullptr;
+            plist_t value = nullptr;
+            plist_dict_next_item(node, it, &key, &value);
+            if (!key || !value) {
+                std::free(key);
+                break;
+            }
+            std::string bytes;
+            encodeText(key, std::strlen(key), &bytes);
+            std::free(key);
+            keys.push_back(leafIndex(bytes));
+            values->push_back(value);
+        }
+        std::free(it);
+        m_objects[index].refs = std::move(keys);
+        return true;
+    }
+
+    size_t leafIndex(const std::string& bytes) {
+        const auto found = m_leaves.find(bytes);
+        if (found != m_leaves.end()) return found->second;
+        const size_t index = m_objects.size();
+        m_objects.emplace_back();
+        m_objects.back().bytes = bytes;
+        m_leaves.emplace(bytes, index);
+        return index;
+    }
+
+    static void appendBigEndian(std::string* out, uint64_t value, unsigned width) {
+        for (int shift = int(width) * 8 - 8; shift >= 0; shift -= 8)
+            out->push_back(char((value >> shift) & 0xFF));
+    }
+
+    static void appendInteger(std::string* out, uint64_t value) {
+        if (value <= 0xFF) {
+            out->push_back(char(0x10));
+            appendBigEndian(out, value, 1);
+        } else if (value <= 0xFFFF) {
+            out->push_back(char(0x11));
+            appendBigEndian(out, value, 2);
+        } else if (value <= 0xFFFFFFFFULL) {
+            out->push_back(char(0x12));
+            appendBigEndian(out, value, 4);
+        } else if (value <= uint64_t(INT64_MAX)) {
+            out->push_back(char(0x13));
+            appendBigEndian(out, value, 8);
+        } else {
+            out->push_back(char(0x14)); // 128 bits: the value is not negative
+            appendBigEndian(out, 0, 8);
+            appendBigEndian(out, value, 8);
+        }
+    }
+
+    static void appendHeader(std::string* out, unsigned type, uint64_t count) {
+        if (count < 15) {
+            out->push_back(char(type | count));
+        } else {
+            out->push_back(char(type | 0x0F));
+            appendInteger(out, count);
+        }
+    }
+
+    static void appendDouble(std::string* out, unsigned char marker, double value) {
+        uint64_t bits = 0;
+        std::memcpy(&bits, &value, sizeof bits);
+        out->push_back(char(marker));
+        appendBigEndian(out, bits, 8);
+    }
+
+    // The installed release keeps a date as one double but hands it out as whole seconds and
+    // microseconds, and loses the sign of the fraction before 2001. The exact encoding is
+    // taken from its own writer for the lone node (a date is a single object, at offset 8).
+    static void appendDate(plist_t node, std::string* out) {
+        char* bytes = nullptr;
+        uint32_t length = 0;
+        ::plist_to_bin(node, &bytes, &length);
+        if (bytes && length >= 17 && static_cast<unsigned char>(bytes[8]) == 0x33) {
+            out->append(bytes + 8, 9);
+            std::free(bytes);
+            return;
+        }
+        std::free(bytes);
+        int32_t seconds = 0;
+        int32_t micros = 0;
+        plist_get_date_val(node, &seconds, &micros);
+        appendDouble(out, 0x33, double(seconds) + double(micros) / 1000000.0);
+    }
+
+    // ASCII text as bytes, anything else as UTF-16 big-endian.
+    static void encodeText(const char* text, size_t length, std::string* out) {
+        bool ascii = true;
+        for (size_t i = 0; i < length && ascii; ++i)
+            ascii = static_cast<unsigned char>(text[i]) < 0x80;
+        if (ascii) {
+            appendHeader(out, 0x50, length);
+            out->append(text, length);
+            return;
+        }
+        const QString utf16 = QString::fromUtf8(text, int(std::min<size_t>(length, INT32_MAX)));
+        appendHeader(out, 0x60, uint64_t(utf16.size()));
+        for (const QChar c : utf16)
+            appendBigEndian(out, c.unicode(), 2);
+    }
+
+    static bool encodeLeaf(plist_t node, plist_type type, std::string* out) {
+        switch (type) {
+        case PLIST_BOOLEAN: {
+            uint8_t value = 0;
+            plist_get_bool_val(node, &value);
+            out->push_back(char(value ? 0x09 : 0x08));
+            return true;
+        }
+        case PLIST_UINT: {
+            uint64_t value = 0;
+            plist_get_uint_val(node, &value);
+            appendInteger(out, value);
+            return true;
+        }
+        case PLIST_REAL: {
+            double value = 0;
+            plist_get_real_val(node, &value);
+            appendDouble(out, 0x23, value);
+            return true;
+        }
+        case PLIST_DATE:
+            appendDate(node, out);
+            return true;
+        case PLIST_DATA: {
+            uint64_t length = 0;
+            const char* bytes = plist_get_data_ptr(node, &length);
+            appendHeader(out, 0x40, bytes ? length : 0);
+            if (bytes) out->append(bytes, length);
+            return true;
+        }
+        case PLIST_STRING: {
+            uint64_t length = 0;
+            const char* text = plist_get_string_ptr(node, &length);
+            encodeText(text ? text : "", text ? length : 0, out);
+            return true;
+        }
+        case PLIST_KEY: {
+            char* text = nullptr;
+            plist_get_key_val(node, &text);
+            encodeText(text ? text : "", text ? std::strlen(text) : 0, out);
+            std::free(text);
+            return true;
+        }
+        case PLIST_UID: {
+            // Readers take UIDs of at most four bytes; archives never need more.
+            uint64_t value = 0;
+            plist_get_uid_val(node, &value);
+            value &= 0xFFFFFFFFULL;
+            const unsigned width = widthFor(value);
+            out->push_back(char(0x80 | (width - 1)));
+            appendBigEndian(out, value, width);
+            return true;
+        }
+        default:
+            return false; // the installed writer has no encoding for other nodes either
+        }
+    }
+
+    static unsigned widthFor(uint64_t value) {
+        return value <= 0xFF ? 1 : value <= 0xFFFF ? 2 : value <= 0xFFFFFFFFULL ? 4 : 8;
+    }
+
+    void serialise(std::string* out) const {
+        const unsigned refSize = widthFor(m_objects.size());
+        std::vector<uint64_t> offsets;
+        offsets.reserve(m_objects.size());
+        out->assign("bplist00");
+        for (const Object& object : m_objects) {
+            offsets.push_back(out->size());
+            if (!object.container) {
+                out->append(object.bytes);
+                continue;
+            }
+            appendHeader(out, object.marker, object.count);
+            for (size_t ref : object.refs)
+                appendBigEndian(out, ref, refSize);
+        }
+        const uint64_t table = out->size();
+        const unsigned offsetSize = widthFor(table);
+        for (uint64_t offset : offsets)
+            appendBigEndian(out, offset, offsetSize);
+        out->append(6, '\0');
+        out->push_back(char(offsetSize));
+        out->push_back(char(refSize));
+        appendBigEndian(out, m_objects.size(), 8);
+        appendBigEndian(out, m_top, 8);
+        appendBigEndian(out, table, 8);
+    }
+
+    std::vector<Object> m_objects;
+    std::unordered_map<std::string, size_t> m_leaves;
+    size_t m_top = 0;
+};
+
 } // namespace
 
 Error plist_from_memory(const char* data, uint32_t length, plist_t* plist) {
@@ -295,8 +565,14 @@ Error plist_to_bin(plist_t node, char** out, uint32_t* length) {
     if (!node || !out || !length) return PLIST_ERR_INVALID_ARG;
     *out = nullptr;
     *length = 0;
-    ::plist_to_bin(node, out, length);
-    if (!*out) return PLIST_ERR_FORMAT;
+    std::string bytes;
+    BinaryWriter writer;
+    if (!writer.write(node, &bytes)) return PLIST_ERR_FORMAT;
+    if (bytes.size() > UINT32_MAX) return PLIST_ERR_NO_MEM;
+    *out = static_cast<char*>(std::malloc(bytes.size()));
+    if (!*out) return PLIST_ERR_NO_MEM;
+    std::memcpy(*out, bytes.data(), bytes.size());
+    *length = uint32_t(bytes.size());
     return PLIST_ERR_SUCCESS;
 }
 

@@ -1,8 +1,8 @@
 // Internal: a thin layer over the installed libplist that gives the library the calling
 // conventions and reading of current libplist releases (parse and serialise calls that report
-// an error code, one release function for serialised buffers, UIDs read back from XML) and
-// protects the parser against inputs
-// that the installed release handles badly. Not exported; never include from a public header.
+// an error code, one release function for serialised buffers, UIDs read back from XML),
+// protects the parser against inputs that the installed release handles badly, and writes
+// binary lists in linear time. Not exported; never include from a public header.
 #pragma once
 
 #include <plist/plist.h>
@@ -32,6 +32,8 @@ constexpr unsigned kMaxDepth = 1000;
 Error plist_from_memory(const char* data, uint32_t length, plist_t* plist);
 // Serialises node; on success *out is a buffer to release with plist_mem_free.
 Error plist_to_xml(plist_t node, char** out, uint32_t* length);
+// The binary form is written here rather than by the installed release, whose writer slows
+// down with the square of the number of containers (and worse on repeated subtrees).
 Error plist_to_bin(plist_t node, char** out, uint32_t* length);
 void plist_mem_free(void* buffer);
 
