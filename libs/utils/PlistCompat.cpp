@@ -46,29 +46,63 @@ struct BinaryList {
         return *offset < dataEnd;
     }
 
-    // The references held by the object at offset: their position and count. A leaf (or an
-    // object that cannot be followed) holds none.
-    void references(uint64_t offset, uint64_t* refsAt, uint64_t* refCount) const {
-        *refsAt = 0;
-        *refCount = 0;
+    // The marker type of the object at offset, its count and where its contents begin.
+    bool header(uint64_t offset, unsigned* type, uint64_t* count, uint64_t* contents) const {
         uint64_t pos = offset;
         const unsigned marker = data[pos++];
-        const unsigned type = marker >> 4;
-        if (type != 0xA && type != 0xC && type != 0xD) return;
-        uint64_t count = marker & 0x0F;
-        if (count == 0x0F) {
-            if (pos >= dataEnd) return;
+        *type = marker >> 4;
+        *count = marker & 0x0F;
+        if (*count == 0x0F) {
+            if (pos >= dataEnd) return false;
             const unsigned intMarker = data[pos++];
-            if ((intMarker >> 4) != 0x1) return;
+            if ((intMarker >> 4) != 0x1) return false;
             const unsigned width = 1u << (intMarker & 0x0F);
-            if (width > 8 || width > dataEnd - pos) return;
-            count = readBigEndian(data + pos, width);
+            if (width > 8 || width > dataEnd - pos) return false;
+            *count = readBigEndian(data + pos, width);
             pos += width;
         }
+        *contents = pos;
+        return true;
+    }
+
+    // The references held by the object at offset: their position and count, and whether the
+    // first half of them are dictionary keys. A leaf (or an object that cannot be followed)
+    // holds none.
+    void references(uint64_t offset, uint64_t* refsAt, uint64_t* refCount, bool* dict) const {
+        *refsAt = 0;
+        *refCount = 0;
+        *dict = false;
+        unsigned type = 0;
+        uint64_t count = 0;
+        uint64_t pos = 0;
+        if (!header(offset, &type, &count, &pos)) return;
+        if (type != 0xA && type != 0xC && type != 0xD) return;
         const uint64_t perEntry = (type == 0xD) ? 2 : 1;
         if (count > (dataEnd - pos) / refSize / perEntry) return;
         *refsAt = pos;
         *refCount = count * perEntry;
+        *dict = type == 0xD;
+    }
+
+    // Whether object i is text holding a zero character. The installed release aborts on a
+    // dictionary key like that (it checks key lengths with an assertion).
+    bool textWithZero(uint64_t i) const {
+        uint64_t offset = 0;
+        unsigned type = 0;
+        uint64_t count = 0;
+        uint64_t pos = 0;
+        if (i >= objectCount || !objectOffset(i, &offset) || !header(offset, &type, &count, &pos))
+            return false;
+        if (type == 0x5) {
+            if (count > dataEnd - pos) return false;
+            return std::memchr(data + pos, 0, count) != nullptr;
+        }
+        if (type == 0x6) {
+            if (count > (dataEnd - pos) / 2) return false;
+            for (uint64_t k = 0; k < count; ++k)
+                if (data[pos + 2 * k] == 0 && data[pos + 2 * k + 1] == 0) return true;
+        }
+        return false;
     }
 };
 
@@ -91,8 +125,8 @@ bool parseTrailer(const char* bytes, uint64_t length, BinaryList* list) {
 }
 
 // Walks the object graph from the top object without recursion and reports the size and
-// depth of the tree the parser would build. A reference cycle reports false (the parser
-// refuses those itself).
+// depth of the tree the parser would build. A reference cycle (which the parser refuses
+// itself) or a dictionary key holding a zero character reports false.
 bool binaryTreeShape(const BinaryList& list, uint64_t budget, uint64_t* nodes, uint64_t* depth) {
     enum : unsigned char { Unseen, Open, Done };
     const uint64_t n = list.objectCount;
@@ -111,7 +145,12 @@ bool binaryTreeShape(const BinaryList& list, uint64_t budget, uint64_t* nodes, u
     auto open = [&](uint64_t object) -> bool {
         uint64_t offset = 0;
         Frame frame{object, 0, 0, 0};
-        if (list.objectOffset(object, &offset)) list.references(offset, &frame.refsAt, &frame.refCount);
+        bool dict = false;
+        if (list.objectOffset(object, &offset))
+            list.references(offset, &frame.refsAt, &frame.refCount, &dict);
+        for (uint64_t k = 0; dict && k < frame.refCount / 2; ++k)
+            if (list.textWithZero(readBigEndian(list.data + frame.refsAt + k * list.refSize, list.refSize)))
+                return false;
         state[object] = Open;
         size[object] = 1;
         height[object] = 1;
