@@ -1,5 +1,6 @@
 // Keyed-archive decoding: UID resolution through "$objects", the object form of "$top",
-// whole-list conversion, undefined values, failures, and hostile reference graphs.
+// whole-list conversion, undefined values, failures, hostile reference graphs, and the
+// archive subcommand.
 #include "NSKeyedArchiver.h"
 
 #include <gtest/gtest.h>
@@ -43,37 +44,34 @@ plist_t uid(uint64_t v) {
 }
 
 // An archive as the system's archiver writes it: "$null" at index 0, then the objects.
-plist_t archive(plist_t top, std::initializer_list<plist_t> objects) {
-    plist_t all = plist_new_array();
-    plist_array_append_item(all, str("$null"));
-    for (plist_t o : objects)
-        plist_array_append_item(all, o);
+plist_t archive(plist_t top, plist_t objects) {
+    plist_array_insert_item(objects, str("$null"), 0);
     return dict({{"$archiver", str("NSKeyedArchiver")},
                  {"$version", plist_new_uint(100000)},
                  {"$top", top},
-                 {"$objects", all}});
+                 {"$objects", objects}});
 }
 
 QByteArray serialise(plist_t root, bool xml = false) {
     char* out = nullptr;
     uint32_t length = 0;
-    if (xml)
-        plist_to_xml(root, &out, &length);
-    else
-        plist_to_bin(root, &out, &length);
+    xml ? plist_to_xml(root, &out, &length) : plist_to_bin(root, &out, &length);
     QByteArray bytes(out, int(length));
     free(out);
     plist_free(root);
     return bytes;
 }
 
-plist_t classObject(const char* name, const char* super) {
-    return dict({{"$classname", str(name)}, {"$classes", array({str(name), str(super)})}});
+// root -> 1 {NS.string, $class -> 2}; 2 is the class description.
+plist_t stringArchive() {
+    return archive(dict({{"root", uid(1)}}),
+                   array({dict({{"NS.string", str("hi")}, {"$class", uid(2)}}),
+                          dict({{"$classname", str("NSString")}, {"$classes", array({str("NSString")})}})}));
 }
-
-QJsonObject classJson(const char* name, const char* super) {
-    return QJsonObject{{"$classname", name}, {"$classes", QJsonArray{name, super}}};
-}
+const QJsonObject kStringJson{
+    {"root",
+     QJsonObject{{"NS.string", "hi"},
+                 {"$class", QJsonObject{{"$classname", "NSString"}, {"$classes", QJsonArray{"NSString"}}}}}}};
 
 QJsonObject decode(const QByteArray& bytes) {
     NSKeyedArchiver a;
@@ -81,167 +79,99 @@ QJsonObject decode(const QByteArray& bytes) {
     return a.json().toObject();
 }
 
-struct ToolRun {
-    int code = -1;
-    QByteArray out;
-    QByteArray err;
-};
-
-// Runs utils-inspect with args; code -1 when it could not be run or did not finish.
-ToolRun runTool(const QStringList& args) {
-    ToolRun run;
-    QProcess process;
-    process.start(QString(UTILS_TOOL_PATH), args);
-    if (!process.waitForFinished(60000)) return run;
-    run.code = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    run.out = process.readAllStandardOutput();
-    run.err = process.readAllStandardError();
-    return run;
-}
-
 } // namespace
 
-TEST(NSKeyedArchiver, ResolvesReferencesThroughObjects) {
-    // root -> 1 {NS.string, $class -> 2}; 2 is the class description.
-    const QByteArray bytes =
-        serialise(archive(dict({{"root", uid(1)}}), {dict({{"NS.string", str("hi")}, {"$class", uid(2)}}),
-                                                     classObject("NSString", "NSObject")}));
+TEST(NSKeyedArchiver, ResolvesReferencesInBinaryAndXmlArchives) {
     NSKeyedArchiver a;
     EXPECT_TRUE(a.json().isNull());
-    ASSERT_TRUE(a.loadFromData(bytes));
-    const QJsonObject expected{
-        {"root", QJsonObject{{"NS.string", "hi"}, {"$class", classJson("NSString", "NSObject")}}}};
-    EXPECT_EQ(a.json(), QJsonValue(expected));
-    EXPECT_TRUE(a.isEmpty()); // the inherited object stays empty
+    ASSERT_TRUE(a.loadFromData(serialise(stringArchive())));
+    EXPECT_EQ(a.json(), QJsonValue(kStringJson));
+    EXPECT_TRUE(a.isEmpty());                                         // the inherited object stays empty
+    EXPECT_EQ(decode(serialise(stringArchive(), true)), kStringJson); // UIDs as CF$UID dictionaries
 
-    // The same archive written as XML (UIDs as CF$UID dictionaries) decodes the same.
-    const QByteArray xml =
-        serialise(archive(dict({{"root", uid(1)}}), {dict({{"NS.string", str("hi")}, {"$class", uid(2)}}),
-                                                     classObject("NSString", "NSObject")}),
-                  true);
-    EXPECT_EQ(decode(xml), expected);
-
-    QTemporaryDir dir;
-    QFile file(dir.filePath("a.archive"));
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write(bytes);
-    file.close();
-    NSKeyedArchiver fromFile;
-    ASSERT_TRUE(fromFile.loadFromFile(file.fileName()));
-    EXPECT_EQ(fromFile.json(), QJsonValue(expected));
-}
-
-TEST(NSKeyedArchiver, CollectionsDatesAndSpecialReferences) {
-    // 1 dictionary with NS.keys / NS.objects, 2 its class, 3 and 4 keys, 5 a date as a real,
-    // 6 a chain 6 -> 7 -> 8, 8 a string.
-    const QByteArray bytes =
-        serialise(archive(dict({{"root", uid(1)},
-                                {"nothing", uid(0)},
-                                {"dangling", uid(99)},
-                                {"chain", uid(6)},
-                                {"list", array({uid(3), uid(99), uid(0)})}}),
-                          {dict({{"NS.keys", array({uid(3), uid(4)})},
-                                 {"NS.objects", array({uid(5), plist_new_bool(0)})},
-                                 {"$class", uid(2)}}),
-                           classObject("NSDictionary", "NSObject"), str("sent"), str("flag"),
-                           dict({{"NS.time", plist_new_real(600.25)}}), uid(7), uid(8), str("end")}));
-    const QJsonObject o = decode(bytes);
-    const QJsonObject root = o.value("root").toObject();
-    EXPECT_EQ(root.value("NS.keys"), QJsonValue(QJsonArray{"sent", "flag"}));
-    EXPECT_EQ(root.value("NS.objects"), QJsonValue(QJsonArray{QJsonObject{{"NS.time", 600.25}}, false}));
-    EXPECT_EQ(root.value("$class"), QJsonValue(classJson("NSDictionary", "NSObject")));
-    EXPECT_EQ(o.value("nothing"), QJsonValue("$null")); // index 0 is not JSON null
-    EXPECT_FALSE(o.contains("dangling"));               // undefined drops the key...
-    EXPECT_EQ(o.value("list"), QJsonValue(QJsonArray{"sent", QJsonValue(), "$null"})); // ...null in arrays
-    EXPECT_EQ(o.value("chain"), QJsonValue("end"));
-    EXPECT_EQ(o.size(), 4);
-
-    // Other node types inside objects: integers read as signed, dates unconverted, data as Base64.
-    const QByteArray scalars = serialise(archive(dict({{"n", plist_new_uint(uint64_t(-1))},
-                                                       {"d", plist_new_date(1, 0)},
-                                                       {"b", plist_new_data("\xff", 1)},
-                                                       {"o", uid(1)}}),
-                                                 {array({plist_new_real(0.5), uid(1000)})}));
+    // Collections, a date stored as a real, index 0, a dangling UID, a chain 6 -> 7 -> 8.
+    const QJsonObject o = decode(serialise(archive(
+        dict({{"root", uid(1)},
+              {"nothing", uid(0)},
+              {"dangling", uid(99)},
+              {"chain", uid(6)},
+              {"list", array({uid(3), uid(99), uid(0)})}}),
+        array(
+            {dict({{"NS.keys", array({uid(3), uid(4)})}, {"NS.objects", array({uid(5), plist_new_bool(0)})}}),
+             str("unused"), str("sent"), str("flag"), dict({{"NS.time", plist_new_real(600.25)}}), uid(7),
+             uid(8), str("end")}))));
     EXPECT_EQ(
-        decode(scalars),
-        (QJsonObject{{"n", qint64(-1)}, {"d", 1.0}, {"b", "/w=="}, {"o", QJsonArray{0.5, QJsonValue()}}}));
+        o,
+        (QJsonObject{
+            {"root", QJsonObject{{"NS.keys", QJsonArray{"sent", "flag"}},
+                                 {"NS.objects", QJsonArray{QJsonObject{{"NS.time", 600.25}}, false}}}},
+            {"nothing", "$null"}, // index 0 is the placeholder text, not null
+            {"chain", "end"},
+            {"list", QJsonArray{"sent", QJsonValue(), "$null"}}})); // dangling: key dropped, null in arrays
+
+    // Integers read as signed, dates unconverted, data as Base64.
+    EXPECT_EQ(decode(serialise(archive(dict({{"n", plist_new_uint(uint64_t(-1))},
+                                             {"d", plist_new_date(1, 0)},
+                                             {"b", plist_new_data("\xff", 1)}}),
+                                       array({})))),
+              (QJsonObject{{"n", qint64(-1)}, {"d", 1.0}, {"b", "/w=="}}));
 }
 
-TEST(NSKeyedArchiver, StructuralFaultsStillLoad) {
-    // No "$top", a "$top" that is not a dictionary, a root that is not a dictionary, no
-    // "$objects": all load, with an empty object or unresolved references.
+TEST(NSKeyedArchiver, StructuralFaultsLoadAndFailuresKeepTheResult) {
     EXPECT_EQ(decode(serialise(dict({{"$objects", array({str("$null")})}}))), QJsonObject());
     EXPECT_EQ(decode(serialise(dict({{"$top", array({str("x")})}}))), QJsonObject());
     EXPECT_EQ(decode(serialise(array({str("x")}))), QJsonObject());
-    EXPECT_EQ(decode(serialise(dict(
-                  {{"$top", dict({{"a", uid(1)}, {"b", str("kept")}})}, {"$objects", str("not an array")}}))),
+    EXPECT_EQ(decode(serialise(
+                  dict({{"$top", dict({{"a", uid(1)}, {"b", str("kept")}})}, {"$objects", str("no")}}))),
               (QJsonObject{{"b", "kept"}}));
 
-    // The whole-list form: no objects table, so every UID is undefined.
+    // The whole-list form has no objects table: every UID is undefined.
     NSKeyedArchiver a;
     ASSERT_TRUE(a.loadRootFromData(
         serialise(dict({{"name", str("x")}, {"ref", uid(1)}, {"refs", array({uid(1)})}}))));
     EXPECT_EQ(a.json(), QJsonValue(QJsonObject{{"name", "x"}, {"refs", QJsonArray{QJsonValue()}}}));
-    ASSERT_TRUE(a.loadRootFromData(serialise(archive(dict({{"root", uid(1)}}), {str("x")}))));
-    EXPECT_EQ(a.json().toObject().value("$top"), QJsonValue(QJsonObject()));
-    EXPECT_EQ(a.json().toObject().value("$objects"), QJsonValue(QJsonArray{"$null", "x"}));
-}
 
-TEST(NSKeyedArchiver, FailedLoadsKeepThePreviousResult) {
     QTemporaryDir dir;
-    NSKeyedArchiver a;
+    QFile file(dir.filePath("a.archive"));
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(serialise(stringArchive()));
+    file.close();
+    ASSERT_TRUE(a.loadFromFile(file.fileName()));
     EXPECT_FALSE(a.loadFromFile(dir.filePath("missing")));
-    EXPECT_FALSE(a.loadRootFromFile(dir.filePath("missing")));
-    EXPECT_TRUE(a.json().isNull());
-
-    ASSERT_TRUE(a.loadFromData(serialise(archive(dict({{"root", uid(1)}}), {str("x")}))));
-    const QJsonValue good = a.json();
+    EXPECT_FALSE(a.loadRootFromFile(dir.path()));
     EXPECT_FALSE(a.loadFromData("garbage"));
     EXPECT_FALSE(a.loadRootFromData(QByteArray()));
-    EXPECT_FALSE(a.loadFromFile(dir.path()));
-    EXPECT_EQ(a.json(), good);
-    EXPECT_EQ(good, QJsonValue(QJsonObject{{"root", "x"}}));
+    EXPECT_EQ(a.json(), QJsonValue(kStringJson));
 }
 
 TEST(NSKeyedArchiver, HostileReferenceGraphsEnd) {
     // An object referring to itself, and a UID chain that loops.
     const QJsonObject cyclic =
         decode(serialise(archive(dict({{"self", uid(1)}, {"loop", uid(2)}}),
-                                 {dict({{"me", uid(1)}, {"v", str("x")}}), uid(3), uid(2)})));
-    EXPECT_EQ(cyclic.value("self"), QJsonValue(QJsonObject{{"me", QJsonValue()}, {"v", "x"}}));
-    EXPECT_TRUE(cyclic.value("loop").isNull());
+                                 array({dict({{"me", uid(1)}, {"v", str("x")}}), uid(3), uid(2)}))));
+    EXPECT_EQ(cyclic,
+              (QJsonObject{{"self", QJsonObject{{"me", QJsonValue()}, {"v", "x"}}}, {"loop", QJsonValue()}}));
 
-    // Forty objects each referring twice to the next: 2^40 values if copied naively.
-    plist_t objects = plist_new_array();
-    plist_array_append_item(objects, str("$null"));
-    for (uint64_t i = 1; i <= 40; ++i)
-        plist_array_append_item(objects, array({uid(i + 1), uid(i + 1)}));
-    plist_array_append_item(objects, str("leaf"));
+    // Forty objects each referring twice to the next (2^40 values if copied one by one), and a
+    // chain of 1500 objects: both resolve completely.
+    plist_t shared = array({});
+    plist_t chain = array({});
+    for (uint64_t i = 1; i <= 1500; ++i) {
+        if (i <= 40) plist_array_append_item(shared, array({uid(i + 1), uid(i + 1)}));
+        plist_array_append_item(chain, dict({{"next", uid(i + 1)}}));
+    }
+    plist_array_append_item(shared, str("leaf"));
+    plist_array_append_item(chain, str("bottom"));
     QElapsedTimer timer;
     timer.start();
-    const QJsonObject shared =
-        decode(serialise(dict({{"$top", dict({{"root", uid(1)}})}, {"$objects", objects}})));
+    QJsonValue v = decode(serialise(archive(dict({{"root", uid(1)}}), shared))).value("root");
     EXPECT_LT(timer.elapsed(), 5000);
-    QJsonValue v = shared.value("root");
-    for (int i = 0; i < 40 && v.isArray(); ++i)
+    for (int i = 0; i < 40; ++i)
         v = v.toArray().at(1);
     EXPECT_EQ(v, QJsonValue("leaf"));
-
-    // A long acyclic chain is resolved to its end.
-    objects = plist_new_array();
-    plist_array_append_item(objects, str("$null"));
-    for (uint64_t i = 1; i <= 1500; ++i)
-        plist_array_append_item(objects, dict({{"next", uid(i + 1)}}));
-    plist_array_append_item(objects, str("bottom"));
-    const QJsonObject chain =
-        decode(serialise(dict({{"$top", dict({{"root", uid(1)}})}, {"$objects", objects}})));
-    v = chain.value("root");
-    int depth = 0;
-    while (v.isObject()) {
+    v = decode(serialise(archive(dict({{"root", uid(1)}}), chain))).value("root");
+    for (int i = 0; i < 1500; ++i)
         v = v.toObject().value("next");
-        ++depth;
-    }
-    EXPECT_EQ(depth, 1500);
     EXPECT_EQ(v, QJsonValue("bottom"));
 }
 
@@ -250,24 +180,19 @@ TEST(NSKeyedArchiver, InspectToolPrintsResolvedArchives) {
     QTemporaryDir dir;
     QFile file(dir.filePath("a.archive"));
     ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write(
-        serialise(archive(dict({{"root", uid(1)}}), {dict({{"NS.string", str("hi")}, {"$class", uid(2)}}),
-                                                     classObject("NSString", "NSObject")})));
+    file.write(serialise(stringArchive()));
     file.close();
-
-    ToolRun run = runTool({"archive", file.fileName()});
-    ASSERT_EQ(run.code, 0) << run.err.toStdString();
-    EXPECT_EQ(QJsonDocument::fromJson(run.out).object(),
-              (QJsonObject{{"root", QJsonObject{{"NS.string", "hi"},
-                                                {"$class", classJson("NSString", "NSObject")}}}}));
-    run = runTool({"archive", "--root", file.fileName()});
-    ASSERT_EQ(run.code, 0);
-    const QJsonObject whole = QJsonDocument::fromJson(run.out).object();
+    auto run = [](const QStringList& args, int code) {
+        QProcess tool;
+        tool.start(QString(UTILS_TOOL_PATH), args);
+        EXPECT_TRUE(tool.waitForFinished(60000));
+        EXPECT_EQ(tool.exitCode(), code) << tool.readAllStandardError().toStdString();
+        return QJsonDocument::fromJson(tool.readAllStandardOutput()).object();
+    };
+    EXPECT_EQ(run({"archive", file.fileName()}, 0), kStringJson);
+    const QJsonObject whole = run({"archive", "--root", file.fileName()}, 0);
     EXPECT_EQ(whole.value("$archiver"), QJsonValue("NSKeyedArchiver"));
     EXPECT_EQ(whole.value("$top"), QJsonValue(QJsonObject()));
-
-    run = runTool({"archive", dir.filePath("missing")});
-    EXPECT_EQ(run.code, 1);
-    EXPECT_EQ(run.err.count('\n'), 1);
-    EXPECT_EQ(runTool({"archive", "--bogus", file.fileName()}).code, 2);
+    EXPECT_TRUE(run({"archive", dir.filePath("missing")}, 1).isEmpty());
+    EXPECT_TRUE(run({"archive", "--bogus", file.fileName()}, 2).isEmpty());
 }
