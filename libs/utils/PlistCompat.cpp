@@ -226,9 +226,10 @@ uint64_t xmlDepth(const char* data, uint64_t length, uint64_t limit) {
             if (depth > 0) --depth;
             continue;
         }
-        // An empty element <array/> opens nothing.
+        // An empty element <array/> opens nothing. The tag ends before the next '<', which
+        // keeps the whole scan linear.
         uint64_t j = nameLength;
-        while (j < nameLeft && name[j] != '>')
+        while (j < nameLeft && name[j] != '>' && name[j] != '<')
             ++j;
         if (j < nameLeft && j > 0 && name[j - 1] == '/') continue;
         if (++depth > deepest) deepest = depth;
