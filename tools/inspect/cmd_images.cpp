@@ -86,7 +86,7 @@ int runContactSheet(const QStringList& argv) {
     int code = Ok;
     if (!parseOrExit("contact-sheet", args, 1, 1, &code)) return code;
     bool ok = true;
-    const int columns = args.value("--columns", "6").toInt(&ok);
+    int columns = args.value("--columns", "6").toInt(&ok);
     if (!ok || columns < 1 || columns > 64)
         return fail("contact-sheet: --columns takes a number from 1 to 64", Usage);
     const QString outPath = args.positional().at(0);
@@ -94,6 +94,7 @@ int runContactSheet(const QStringList& argv) {
 
     const QStringList files = QDir(kResourceDir).entryList({"*.png"}, QDir::Files, QDir::Name);
     if (files.isEmpty()) return fail("no placeholder pictures under :/images/ in this build");
+    columns = qMin(columns, int(files.size())); // no empty columns
     const int icon = 128, cellW = 210, cellH = 210, margin = 20, title = 50;
     const int rows = (files.size() + columns - 1) / columns;
     QImage sheet(margin * 2 + columns * cellW, margin * 2 + title + rows * cellH, QImage::Format_ARGB32);
