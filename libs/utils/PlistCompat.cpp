@@ -133,6 +133,7 @@ bool binaryTreeShape(const BinaryList& list, uint64_t budget, uint64_t* nodes, u
     std::vector<unsigned char> state(n, Unseen);
     std::vector<uint64_t> size(n, 0);
     std::vector<uint32_t> height(n, 0);
+    std::vector<unsigned char> keyChecked(n, 0);
 
     struct Frame {
         uint64_t object;
@@ -148,9 +149,12 @@ bool binaryTreeShape(const BinaryList& list, uint64_t budget, uint64_t* nodes, u
         bool dict = false;
         if (list.objectOffset(object, &offset))
             list.references(offset, &frame.refsAt, &frame.refCount, &dict);
-        for (uint64_t k = 0; dict && k < frame.refCount / 2; ++k)
-            if (list.textWithZero(readBigEndian(list.data + frame.refsAt + k * list.refSize, list.refSize)))
-                return false;
+        for (uint64_t k = 0; dict && k < frame.refCount / 2; ++k) {
+            const uint64_t key = readBigEndian(list.data + frame.refsAt + k * list.refSize, list.refSize);
+            if (key >= n || keyChecked[key]) continue; // each key text is scanned once
+            keyChecked[key] = 1;
+            if (list.textWithZero(key)) return false;
+        }
         state[object] = Open;
         size[object] = 1;
         height[object] = 1;
