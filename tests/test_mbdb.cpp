@@ -147,6 +147,7 @@ TEST_F(Mbdb, ReadsEveryFieldAndTheMarkers) {
 
     EXPECT_TRUE(util.fetchRecords().isEmpty()); // the stream is at its end
     EXPECT_TRUE(util.seek(6));
+    EXPECT_FALSE(util.loadDb(dir.filePath("missing"))); // leaves the stream as it was
     EXPECT_EQ(util.fetchRecords().size(), 3);
 }
 

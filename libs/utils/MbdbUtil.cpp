@@ -23,9 +23,11 @@ QString textUpToZero(const QByteArray& bytes) {
 MbdbUtil::MbdbUtil() = default;
 
 bool MbdbUtil::loadDb(const QString& path) {
-    m_file = QSharedPointer<QFile>::create(path);
-    if (!m_file->open(QIODevice::ReadOnly)) return false;
-    m_stream = QSharedPointer<QDataStream>::create(m_file.data());
+    auto file = QSharedPointer<QFile>::create(path);
+    // On failure the previous stream stays usable, so its file stays too.
+    if (!file->open(QIODevice::ReadOnly)) return false;
+    m_stream = QSharedPointer<QDataStream>::create(file.data());
+    m_file = file;
     m_stream->setByteOrder(QDataStream::BigEndian);
     if (!parseHeader()) return false;
     return seek(int(m_stream->device()->pos() + 2));
