@@ -183,15 +183,6 @@ TEST_F(DownloaderTest, QueueOrderRemoveAndClear) {
     EXPECT_EQ(server.targets().mid(6), (QList<QByteArray>{"/slow?2", "/img?z"}));
 }
 
-TEST(ImageDownloadTask, EqualityAndMetaTypes) {
-    EXPECT_EQ(ImageDownloadTask("u", 10, 20), ImageDownloadTask("u", 10, 20));
-    EXPECT_NE(ImageDownloadTask("u", 10, 20), ImageDownloadTask("u", 20, 10));
-    EXPECT_NE(ImageDownloadTask("u", 10, 20), ImageDownloadTask("U", 10, 20));
-    QueuedImageDownloader downloader;
-    EXPECT_NE(QMetaType::type("ImageDownloadTaskPtr"), int(QMetaType::UnknownType));
-    EXPECT_EQ(QMetaType::type("ImageDownloadTaskPtr&"), QMetaType::type("ImageDownloadTaskPtr"));
-}
-
 namespace {
 // Counts its passes; with endEveryThird, routine() ends the loop after every third pass.
 class CountingLoop : public LoopThread {
