@@ -5,6 +5,8 @@
 #include "NSKeyedArchiver.h"
 #include "PlistUtils.h"
 
+#include <plist/plist.h>
+
 #include <QDateTime>
 #include <QFile>
 #include <QFileInfo>
@@ -53,9 +55,8 @@ int runPlist(const QStringList& argv) {
     void* root = nullptr;
     if (!PlistUtils::loadFromFile(path, root))
         return fail(QString("plist: %1: not a readable property list (binary or XML)").arg(path));
-    // The tree is left to the end of the process: the tool does not link libplist itself, and
-    // releasing the tree (plist_free) is the caller's part.
     printJson(PlistUtils::toJson(root));
+    plist_free(static_cast<plist_t>(root)); // loaded trees belong to the caller
     return Ok;
 }
 
