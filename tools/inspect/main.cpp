@@ -2,7 +2,12 @@
 #include "Command.h"
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QGuiApplication>
+
+#include <cerrno>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -30,6 +35,11 @@ int main(int argc, char** argv) {
     if (gui) {
         // Drawing needs a GUI application; the offscreen platform needs no display.
         if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
+        if (qEnvironmentVariableIsEmpty("XDG_RUNTIME_DIR")) {
+            // Give Qt the private runtime folder it would fall back to, without its warning.
+            const QByteArray dir = QDir::tempPath().toLocal8Bit() + "/runtime-" + QByteArray::number(getuid());
+            if (::mkdir(dir.constData(), 0700) == 0 || errno == EEXIST) qputenv("XDG_RUNTIME_DIR", dir);
+        }
         QGuiApplication app(argc, argv);
         return dispatch(args);
     }
