@@ -1,5 +1,5 @@
 // Helpers for the SQLite reader tests: databases made with the sqlite3 library in a temporary
-// folder, byte patches at page offsets, and the format's varint encoding.
+// folder, and byte patches at page offsets.
 #pragma once
 
 #include <QByteArray>
@@ -19,7 +19,8 @@ class EngineDb {
 public:
     explicit EngineDb(const QString& path) : m_path(path) {
         QFile::remove(path);
-        if (sqlite3_open(path.toUtf8().constData(), &m_db) != SQLITE_OK) ADD_FAILURE() << "cannot create " << path.toStdString();
+        if (sqlite3_open(path.toUtf8().constData(), &m_db) != SQLITE_OK)
+            ADD_FAILURE() << "cannot create " << path.toStdString();
     }
     ~EngineDb() { close(); }
     void exec(const QString& sql) {
@@ -32,12 +33,12 @@ public:
     // Runs a statement with bound parameters once per call of bind.
     void insert(const QString& sql, const std::function<void(sqlite3_stmt*)>& bind) {
         sqlite3_stmt* st = nullptr;
-        ASSERT_EQ(sqlite3_prepare_v2(m_db, sql.toUtf8().constData(), -1, &st, nullptr), SQLITE_OK) << sqlite3_errmsg(m_db);
+        ASSERT_EQ(sqlite3_prepare_v2(m_db, sql.toUtf8().constData(), -1, &st, nullptr), SQLITE_OK)
+            << sqlite3_errmsg(m_db);
         bind(st);
         EXPECT_EQ(sqlite3_step(st), SQLITE_DONE) << sqlite3_errmsg(m_db);
         sqlite3_finalize(st);
     }
-    sqlite3* handle() const { return m_db; }
     qint64 pragma(const QString& name) {
         sqlite3_stmt* st = nullptr;
         sqlite3_prepare_v2(m_db, ("PRAGMA " + name).toUtf8().constData(), -1, &st, nullptr);
@@ -84,29 +85,8 @@ inline QByteArray be16(int v) {
 
 inline QByteArray be32(quint32 v) {
     QByteArray b(4, '\0');
-    for (int i = 0; i < 4; ++i) b[i] = char((v >> (24 - 8 * i)) & 0xFF);
-    return b;
-}
-
-// The file format's varint: big-endian groups of 7 bits, the ninth byte whole.
-inline QByteArray varint(quint64 v) {
-    if (v > 0x00FFFFFFFFFFFFFFULL) {
-        QByteArray b(9, '\0');
-        b[8] = char(v & 0xFF);
-        v >>= 8;
-        for (int i = 7; i >= 0; --i) {
-            b[i] = char((v & 0x7F) | 0x80);
-            v >>= 7;
-        }
-        return b;
-    }
-    QByteArray b;
-    b.prepend(char(v & 0x7F));
-    v >>= 7;
-    while (v) {
-        b.prepend(char((v & 0x7F) | 0x80));
-        v >>= 7;
-    }
+    for (int i = 0; i < 4; ++i)
+        b[i] = char((v >> (24 - 8 * i)) & 0xFF);
     return b;
 }
 

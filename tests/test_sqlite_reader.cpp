@@ -15,18 +15,34 @@ using namespace fixtures;
 namespace {
 
 // The integers chosen so that every integer serial type occurs (0 and 1 are 8 and 9).
-const qint64 kIntegers[] = {0,         1,          -1,          100,         -128,         127,
-                            -129,      30000,      -32768,      32768,       -100000,      8388607,
-                            -8388608,  8388608,    2147483647,  -2147483647 - 1, 2147483648LL, 1099511627776LL,
-                            -1099511627776LL, 140737488355327LL, -140737488355328LL, 140737488355328LL,
-                            4611686018427387904LL, INT64_MIN};
+const qint64 kIntegers[] = {0,
+                            1,
+                            -1,
+                            100,
+                            -128,
+                            127,
+                            -129,
+                            30000,
+                            -32768,
+                            32768,
+                            -100000,
+                            8388607,
+                            -8388608,
+                            8388608,
+                            2147483647,
+                            -2147483647 - 1,
+                            2147483648LL,
+                            1099511627776LL,
+                            -1099511627776LL,
+                            140737488355327LL,
+                            -140737488355328LL,
+                            140737488355328LL,
+                            4611686018427387904LL,
+                            INT64_MIN};
 
 // What the reader yields for an integer stored by the engine (schema format 4).
 QVariant expectedInteger(qint64 v) {
-    if (v == 0) return QVariant(int(0));
-    if (v == 1) return QVariant(int(1));
-    if (v >= -128 && v <= 127) return QVariant(int(v));
-    if (v >= -32768 && v <= 32767) return QVariant(int(v));
+    if (v >= -32768 && v <= 32767) return QVariant(int(v)); // types 8, 9, 1 and 2
     if (v >= -8388608 && v <= 8388607) {
         // Serial type 3: the high byte is shifted by 8 and OR-ed with the low 16 bits.
         const quint32 u = quint32(v) & 0xFFFFFF;
@@ -48,7 +64,8 @@ QVariant expectedValue(sqlite3_stmt* st, int col) {
         return QVariant(sqlite3_column_double(st, col));
     case SQLITE_TEXT: {
         const void* t = sqlite3_column_text16(st, col);
-        return QVariant(QString::fromUtf16(static_cast<const char16_t*>(t), sqlite3_column_bytes16(st, col) / 2));
+        return QVariant(
+            QString::fromUtf16(static_cast<const char16_t*>(t), sqlite3_column_bytes16(st, col) / 2));
     }
     default: {
         const int n = sqlite3_column_bytes(st, col);
@@ -63,7 +80,8 @@ QList<QList<QVariant>> engineRows(sqlite3* db, const QString& sql) {
     EXPECT_EQ(sqlite3_prepare_v2(db, sql.toUtf8().constData(), -1, &st, nullptr), SQLITE_OK);
     while (sqlite3_step(st) == SQLITE_ROW) {
         QList<QVariant> row{QVariant(qlonglong(sqlite3_column_int64(st, 0)))};
-        for (int c = 1; c < sqlite3_column_count(st); ++c) row.append(expectedValue(st, c));
+        for (int c = 1; c < sqlite3_column_count(st); ++c)
+            row.append(expectedValue(st, c));
         rows.append(row);
     }
     sqlite3_finalize(st);
@@ -72,7 +90,8 @@ QList<QList<QVariant>> engineRows(sqlite3* db, const QString& sql) {
 
 QString describe(const QList<QVariant>& r) {
     QStringList s;
-    for (const QVariant& v : r) s << QString("%1:%2").arg(v.typeName()).arg(v.toString().left(40));
+    for (const QVariant& v : r)
+        s << QString("%1:%2").arg(v.typeName()).arg(v.toString().left(40));
     return s.join(", ");
 }
 
@@ -86,8 +105,9 @@ void expectSameRecords(const QList<QList<QVariant>>& actual, const QList<QList<Q
             EXPECT_EQ(a.at(c).userType(), e.at(c).userType())
                 << "row " << i << " col " << c << "\n got " << describe(a).toStdString() << "\n want "
                 << describe(e).toStdString();
-            EXPECT_TRUE(a.at(c) == e.at(c)) << "row " << i << " col " << c << "\n got " << describe(a).toStdString()
-                                            << "\n want " << describe(e).toStdString();
+            EXPECT_TRUE(a.at(c) == e.at(c))
+                << "row " << i << " col " << c << "\n got " << describe(a).toStdString() << "\n want "
+                << describe(e).toStdString();
         }
     }
 }
@@ -105,7 +125,8 @@ QString textOfLength(int n, int salt) {
     static const QString alphabet = QString::fromUtf8("abcdefghij KLMNOP é中ü—");
     QString s;
     s.reserve(n);
-    for (int i = 0; i < n; ++i) s.append(alphabet.at((i * 7 + salt) % alphabet.size()));
+    for (int i = 0; i < n; ++i)
+        s.append(alphabet.at((i * 7 + salt) % alphabet.size()));
     return s;
 }
 
@@ -124,7 +145,8 @@ TEST_P(EngineComparison, LiveRowsMatchTheEngine) {
     const QString path = dir.filePath("db.sqlite");
     {
         EngineDb db(path);
-        db.exec(QString("PRAGMA page_size=%1; PRAGMA encoding='%2';").arg(layout.pageSize).arg(layout.encoding));
+        db.exec(
+            QString("PRAGMA page_size=%1; PRAGMA encoding='%2';").arg(layout.pageSize).arg(layout.encoding));
         db.exec("CREATE TABLE items (id INTEGER PRIMARY KEY, num INTEGER, r, txt TEXT, data BLOB, extra)");
         db.exec("CREATE INDEX items_txt ON items(txt)");
         db.exec("CREATE TABLE pairs (k TEXT, v, PRIMARY KEY(k)) WITHOUT ROWID");
@@ -132,57 +154,80 @@ TEST_P(EngineComparison, LiveRowsMatchTheEngine) {
         db.exec("BEGIN");
         const int lengths[] = {0, 1, 20, 300, 1500, 5000, 40000};
         for (int i = 1; i <= 400; ++i) {
-            db.insert("INSERT INTO items (id, num, r, txt, data, extra) VALUES (?, ?, ?, ?, ?, ?)", [&](sqlite3_stmt* st) {
-                sqlite3_bind_int64(st, 1, i * 3); // gaps in the rowids
-                if (i % 13 == 0) sqlite3_bind_null(st, 2);
-                else sqlite3_bind_int64(st, 2, kIntegers[i % (sizeof kIntegers / sizeof *kIntegers)]);
-                sqlite3_bind_double(st, 3, i % 5 == 0 ? -0.5 * i : 1.0 / i + 1e10 * (i % 3));
-                const QByteArray text = textOfLength(lengths[i % 7], i).toUtf8();
-                if (i % 11 == 0) sqlite3_bind_null(st, 4);
-                else sqlite3_bind_text(st, 4, text.constData(), text.size(), SQLITE_TRANSIENT);
-                const QByteArray blob = pseudoRandomBytes(lengths[(i + 3) % 7], quint32(i));
-                sqlite3_bind_blob(st, 5, blob.constData(), blob.size(), SQLITE_TRANSIENT);
-                if (i % 2) sqlite3_bind_null(st, 6);
-                else sqlite3_bind_int64(st, 6, i % 4 == 0 ? 1 : 0);
-            });
+            db.insert("INSERT INTO items (id, num, r, txt, data, extra) VALUES (?, ?, ?, ?, ?, ?)",
+                      [&](sqlite3_stmt* st) {
+                          sqlite3_bind_int64(st, 1, i * 3); // gaps in the rowids
+                          if (i % 13 == 0)
+                              sqlite3_bind_null(st, 2);
+                          else
+                              sqlite3_bind_int64(st, 2,
+                                                 kIntegers[i % (sizeof kIntegers / sizeof *kIntegers)]);
+                          sqlite3_bind_double(st, 3, i % 5 == 0 ? -0.5 * i : 1.0 / i + 1e10 * (i % 3));
+                          const QByteArray text = textOfLength(lengths[i % 7], i).toUtf8();
+                          if (i % 11 == 0)
+                              sqlite3_bind_null(st, 4);
+                          else
+                              sqlite3_bind_text(st, 4, text.constData(), text.size(), SQLITE_TRANSIENT);
+                          const QByteArray blob = pseudoRandomBytes(lengths[(i + 3) % 7], quint32(i));
+                          sqlite3_bind_blob(st, 5, blob.constData(), blob.size(), SQLITE_TRANSIENT);
+                          if (i % 2)
+                              sqlite3_bind_null(st, 6);
+                          else
+                              sqlite3_bind_int64(st, 6, i % 4 == 0 ? 1 : 0);
+                      });
         }
         db.exec("INSERT INTO pairs VALUES ('a', 1), ('b', 2)");
         db.exec("COMMIT");
         // The engine stores the statement without IF NOT EXISTS; put it back as other writers keep it.
-        db.exec("PRAGMA writable_schema=ON; UPDATE sqlite_master SET sql='CREATE TABLE IF NOT EXISTS later (x)' "
-                "WHERE name='later'; PRAGMA writable_schema=OFF;");
+        db.exec(
+            "PRAGMA writable_schema=ON; UPDATE sqlite_master SET sql='CREATE TABLE IF NOT EXISTS later (x)' "
+            "WHERE name='later'; PRAGMA writable_schema=OFF;");
     }
 
     SQliteDbUtil reader;
     ASSERT_TRUE(reader.loadDb(path));
     EXPECT_EQ(reader.header.magic, QString("SQLite format 3"));
     EXPECT_EQ(int(reader.header.pageSize), layout.pageSize);
-    EXPECT_EQ(reader.header.textEncoding, QString(layout.encoding) == "UTF-8" ? 1 : QString(layout.encoding) == "UTF-16le" ? 2 : 3);
+    EXPECT_EQ(reader.header.textEncoding, QString(layout.encoding) == "UTF-8"      ? 1
+                                          : QString(layout.encoding) == "UTF-16le" ? 2
+                                                                                   : 3);
 
     // The registered tables: the schema table, ordinary tables (WITHOUT ROWID ones have no
     // leaf pages of their own), never the index.
     QStringList names;
-    for (const SQliteTable& t : reader.fetchAllTable()) names << t.name;
+    for (const SQliteTable& t : reader.fetchAllTable())
+        names << t.name;
     EXPECT_EQ(names, (QStringList{"items", "later", "pairs", "sqlite_master"}));
     const SQliteTable items = reader.tables.value("items");
-    EXPECT_EQ(items.columns, (QMap<QString, int>{{"id", 0}, {"num", 1}, {"r", 2}, {"txt", 3}, {"data", 4}, {"extra", 5}}));
+    EXPECT_EQ(items.columns,
+              (QMap<QString, int>{{"id", 0}, {"num", 1}, {"r", 2}, {"txt", 3}, {"data", 4}, {"extra", 5}}));
     EXPECT_GT(items.pages.size(), 1);
+    EXPECT_EQ(reader.pages.value(items.rootPage).type, 5); // an interior root: leaves come left to right
     EXPECT_TRUE(reader.tables.value("pairs").pages.isEmpty());
     EXPECT_TRUE(reader.tables.value("later").columns.isEmpty()); // CREATE TABLE IF NOT EXISTS
 
     sqlite3* db = nullptr;
     ASSERT_EQ(sqlite3_open_v2(path.toUtf8().constData(), &db, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);
     // The INTEGER PRIMARY KEY column is stored as NULL in the record and so reads 0.
-    expectSameRecords(reader.fetchRecordsInTable("items"),
-                      engineRows(db, "SELECT rowid, NULL, num, r, txt, data, extra FROM items ORDER BY rowid"));
-    expectSameRecords(reader.fetchRecordsInTable("sqlite_master"),
-                      engineRows(db, "SELECT rowid, type, name, tbl_name, rootpage, sql FROM sqlite_master ORDER BY rowid"));
+    expectSameRecords(
+        reader.fetchRecordsInTable("items"),
+        engineRows(db, "SELECT rowid, NULL, num, r, txt, data, extra FROM items ORDER BY rowid"));
+    const auto schema = reader.fetchRecordsInTable("sqlite_master");
+    expectSameRecords(
+        schema,
+        engineRows(db,
+                   "SELECT rowid, type, name, tbl_name, rootpage, sql FROM sqlite_master ORDER BY rowid"));
+    for (const auto& r : schema) { // index b-trees are not table b-trees
+        if (r.at(1).toString() != "index") continue;
+        EXPECT_TRUE(reader.fetchTablePagesByRootPage(r.at(4).toInt()).isEmpty());
+    }
     sqlite3_close(db);
 }
 
 INSTANTIATE_TEST_SUITE_P(PageSizesAndEncodings, EngineComparison,
-                         ::testing::Values(Layout{512, "UTF-8"}, Layout{1024, "UTF-16le"}, Layout{2048, "UTF-16be"},
-                                           Layout{4096, "UTF-8"}, Layout{8192, "UTF-16le"}, Layout{16384, "UTF-8"},
+                         ::testing::Values(Layout{512, "UTF-8"}, Layout{1024, "UTF-16le"},
+                                           Layout{2048, "UTF-16be"}, Layout{4096, "UTF-8"},
+                                           Layout{8192, "UTF-16le"}, Layout{16384, "UTF-8"},
                                            Layout{32768, "UTF-16be"}),
                          [](const ::testing::TestParamInfo<Layout>& info) {
                              return std::to_string(info.param.pageSize) + "_" +
@@ -213,31 +258,6 @@ TEST(SchemaParsing, ColumnMapKeepsConstraintWordsAndSkipsNonTables) {
     EXPECT_EQ(reader.fetchRecordsInTable("missing").size(), 0);
 }
 
-TEST(SchemaParsing, InteriorPagesYieldLeavesLeftToRightAndIndexesNone) {
-    QTemporaryDir dir;
-    const QString path = dir.filePath("deep.db");
-    {
-        EngineDb db(path);
-        db.exec("PRAGMA page_size=512; CREATE TABLE t(a INTEGER PRIMARY KEY, b TEXT); CREATE INDEX tb ON t(b);");
-        db.exec("BEGIN");
-        for (int i = 1; i <= 3000; ++i) db.exec(QString("INSERT INTO t VALUES (%1, 'row %1 %2')").arg(i).arg(QString(20, 'x')));
-        db.exec("COMMIT");
-    }
-    SQliteDbUtil reader;
-    ASSERT_TRUE(reader.loadDb(path));
-    const SQliteTable t = reader.tables.value("t");
-    EXPECT_EQ(reader.pages.value(t.rootPage).type, 5);
-    const QList<QList<QVariant>> rows = reader.fetchRecordsInTable("t");
-    ASSERT_EQ(rows.size(), 3000);
-    for (int i = 0; i < rows.size(); ++i) ASSERT_EQ(rows.at(i).at(0).toLongLong(), i + 1);
-    // Index b-trees are not table b-trees.
-    int indexRoot = 0;
-    for (const auto& r : reader.fetchRecordsInTable("sqlite_master"))
-        if (r.at(1).toString() == "index") indexRoot = r.at(4).toInt();
-    ASSERT_GT(indexRoot, 0);
-    EXPECT_TRUE(reader.fetchTablePagesByRootPage(indexRoot).isEmpty());
-}
-
 TEST(ValueReader, SerialTypesDecodeWithTheirDocumentedReadings) {
     SQliteDbUtil reader;
     auto decode = [&](qint64 type, const QByteArray& bytes, int* len) {
@@ -248,18 +268,13 @@ TEST(ValueReader, SerialTypesDecodeWithTheirDocumentedReadings) {
     int len = -1;
     EXPECT_EQ(decode(0, "", &len), QVariant(int(0)));
     EXPECT_EQ(len, 0);
-    EXPECT_EQ(decode(1, "\xff", &len), QVariant(int(-1)));
-    EXPECT_EQ(decode(2, QByteArray("\x80\x00", 2), &len), QVariant(int(-32768)));
     // Type 3: 0x01 0x02 0x03 reads as 0x0100 | 0x0203.
     EXPECT_EQ(decode(3, "\x01\x02\x03", &len), QVariant(int(0x0303)));
     EXPECT_EQ(len, 3);
     // Type 5: unsigned 48 bits, no sign extension.
-    EXPECT_EQ(decode(5, QByteArray("\xff\xff\xff\xff\xff\xfe", 6), &len), QVariant(qlonglong(0xFFFFFFFFFFFELL)));
+    EXPECT_EQ(decode(5, QByteArray("\xff\xff\xff\xff\xff\xfe", 6), &len),
+              QVariant(qlonglong(0xFFFFFFFFFFFELL)));
     EXPECT_EQ(len, 6);
-    EXPECT_EQ(decode(6, QByteArray("\x80\0\0\0\0\0\0\0", 8), &len), QVariant(qlonglong(INT64_MIN)));
-    EXPECT_EQ(decode(7, QByteArray("\x3f\xf8\0\0\0\0\0\0", 8), &len), QVariant(1.5));
-    EXPECT_EQ(decode(8, "", &len), QVariant(int(0)));
-    EXPECT_EQ(decode(9, "", &len), QVariant(int(1)));
     len = 42;
     EXPECT_FALSE(decode(10, "abc", &len).isValid());
     EXPECT_FALSE(decode(11, "abc", &len).isValid());
@@ -271,11 +286,7 @@ TEST(ValueReader, SerialTypesDecodeWithTheirDocumentedReadings) {
     EXPECT_EQ(decode(25, "hi", &len), QVariant(QString("hi")));
     EXPECT_EQ(len, 6);
 
-    reader.header.textEncoding = 2;
-    EXPECT_EQ(reader.cellData2String(QByteArray("h\0i\0", 4)), QString("hi"));
-    reader.header.textEncoding = 3;
-    EXPECT_EQ(reader.cellData2String(QByteArray("\0h\0i", 4)), QString("hi"));
-    reader.header.textEncoding = 7; // anything else is UTF-8
+    reader.header.textEncoding = 7; // anything but 2 and 3 is UTF-8
     EXPECT_EQ(reader.cellData2String("\xc3\xa9"), QString::fromUtf8("é"));
 }
 
@@ -289,7 +300,8 @@ TEST(ValueReader, VarintsTakeNineBytesAtMostAndStopAtTheEnd) {
     int len = -1;
     EXPECT_EQ(varint(QByteArray(9, '\xff'), &len), -1); // 56 bits shifted by 8, plus a whole ninth byte
     EXPECT_EQ(len, 9);
-    EXPECT_EQ(varint(QByteArray("\x81\x80\x80\x80\x80\x80\x80\x80\x01", 9), &len), qint64(0x0200000000000001LL));
+    EXPECT_EQ(varint(QByteArray("\x81\x80\x80\x80\x80\x80\x80\x80\x01", 9), &len),
+              qint64(0x0200000000000001LL));
     EXPECT_EQ(varint("", &len), 0);
     EXPECT_EQ(len, 0);
     EXPECT_EQ(varint("\x81\x82", &len), (1 << 7) | 2); // cut inside the varint: the bits read so far

@@ -11,12 +11,15 @@ using namespace fixtures;
 
 namespace {
 
-QString body(int id) { return QString("message %1: the meeting moved to room %2, bring the signed contract").arg(id).arg(id * 7); }
+QString body(int id) {
+    return QString("message %1: the meeting moved to room %2, bring the signed contract").arg(id).arg(id * 7);
+}
 
 QSet<QString> texts(const QList<QList<QVariant>>& records, int column) {
     QSet<QString> found;
     for (const auto& r : records)
-        if (r.size() > column && r.at(column).type() == QVariant::String) found.insert(r.at(column).toString());
+        if (r.size() > column && r.at(column).type() == QVariant::String)
+            found.insert(r.at(column).toString());
     return found;
 }
 
@@ -51,15 +54,18 @@ TEST(Recovery, DeletedRowsAreFoundInGapsFreeblocksAndFreePages) {
         db.exec("BEGIN");
         // Rowids from 200 and payloads over 127 bytes: the 4 bytes that a freeblock header
         // overwrites are exactly the payload length and the rowid.
-        for (int id = 200; id < 260; ++id) db.exec(QString("INSERT INTO msg VALUES (%1, '%2', %3)").arg(id).arg(body(id)).arg(id % 3));
-        for (int id = 1; id <= 40; ++id) db.exec(QString("INSERT INTO old VALUES (%1, 'archived note number %1')").arg(id));
+        for (int id = 200; id < 260; ++id)
+            db.exec(QString("INSERT INTO msg VALUES (%1, '%2', %3)").arg(id).arg(body(id)).arg(id % 3));
+        for (int id = 1; id <= 40; ++id)
+            db.exec(QString("INSERT INTO old VALUES (%1, 'archived note number %1')").arg(id));
         db.exec("COMMIT");
         // One row here and there: no page becomes empty enough to be rebalanced.
         for (int id : {203, 211, 219, 226, 234, 241}) {
             db.exec(QString("DELETE FROM msg WHERE id = %1").arg(id));
             deleted.insert(body(id));
         }
-        for (int id = 1; id <= 40; ++id) dropped.insert(QString("archived note number %1").arg(id));
+        for (int id = 1; id <= 40; ++id)
+            dropped.insert(QString("archived note number %1").arg(id));
         db.exec("DROP TABLE old");
         EXPECT_GT(db.pragma("freelist_count"), 0);
     }
@@ -70,7 +76,8 @@ TEST(Recovery, DeletedRowsAreFoundInGapsFreeblocksAndFreePages) {
     // cells whose first 4 bytes became a freeblock header are both found.
     const auto anywhere = reader.searchLostRecord("msg", "nsi", false);
     EXPECT_TRUE(texts(anywhere, 1).contains(deleted)) << texts(anywhere, 1).size();
-    for (const auto& r : anywhere) EXPECT_EQ(r.size(), 3);
+    for (const auto& r : anywhere)
+        EXPECT_EQ(r.size(), 3);
     // With it, whole cells read with their rowid first.
     for (const auto& r : reader.searchLostRecord("msg", "nsi", true)) {
         ASSERT_EQ(r.size(), 4);
@@ -146,10 +153,10 @@ TEST_F(HandLayout, FreeListTrunksAndLeavesAreSearchedPastTheirFirst12Bytes) {
     ASSERT_TRUE(f.open(QIODevice::Append));
     f.write(QByteArray(1024, '\0'));
     f.close();
-    write(1, 28, be32(4));                     // page count
-    write(1, 32, be32(3));                     // first trunk
-    write(1, 36, be32(2));                     // free pages
-    write(3, 0, be32(3) + be32(1) + be32(4));  // next trunk 3 (a loop), one leaf: page 4
+    write(1, 28, be32(4));                        // page count
+    write(1, 32, be32(3));                        // first trunk
+    write(1, 36, be32(2));                        // free pages
+    write(3, 0, be32(3) + be32(1) + be32(4));     // next trunk 3 (a loop), one leaf: page 4
     write(4, 0, QByteArray("\x01\x11\x07no", 5)); // within the skipped 12 bytes
     write(4, 12, QByteArray("\x01\x11\x09ok", 5));
     load();
@@ -176,13 +183,15 @@ TEST(SearchInBlock, SizeLimitsAllNullAndTheSharedByteCount) {
     EXPECT_TRUE(reader.searchInBlock(QByteArray(), "i", false).isEmpty());
     // Serial type 10 leaves the byte count of the previous value in place, so the scan resumes
     // one byte further than the bytes it decoded: at 0x09 0x01 rather than at 0x01 0x01.
-    const QList<QList<QVariant>> found = reader.searchInBlock(QByteArray("\x01\x0a\x05\x01\x01\x09\x01\x02", 8), "ii", false);
+    const QList<QList<QVariant>> found =
+        reader.searchInBlock(QByteArray("\x01\x0a\x05\x01\x01\x09\x01\x02", 8), "ii", false);
     ASSERT_EQ(found.size(), 2);
     EXPECT_EQ(found.at(0).at(0), QVariant(5));
     EXPECT_FALSE(found.at(0).at(1).isValid());
     EXPECT_EQ(found.at(1), (QList<QVariant>{1, 2}));
     // A record running past its block keeps its full length with empty values.
-    EXPECT_EQ(reader.searchInBlock(QByteArray("\x04\x11", 2), "is", false), (QList<QList<QVariant>>{{0, QString("")}}));
+    EXPECT_EQ(reader.searchInBlock(QByteArray("\x04\x11", 2), "is", false),
+              (QList<QList<QVariant>>{{0, QString("")}}));
 }
 
 TEST(SearchInBlock, PatternLetters) {
@@ -204,8 +213,10 @@ TEST(SearchInBlock, PatternLetters) {
         {QString(QChar(0x0101)), {}, {0}},
     };
     for (const Case& c : cases) {
-        for (int t : c.accepts) EXPECT_TRUE(r.fieldsMatch(t, c.pattern, 0)) << c.pattern.toStdString() << " " << t;
-        for (int t : c.refuses) EXPECT_FALSE(r.fieldsMatch(t, c.pattern, 0)) << c.pattern.toStdString() << " " << t;
+        for (int t : c.accepts)
+            EXPECT_TRUE(r.fieldsMatch(t, c.pattern, 0)) << c.pattern.toStdString() << " " << t;
+        for (int t : c.refuses)
+            EXPECT_FALSE(r.fieldsMatch(t, c.pattern, 0)) << c.pattern.toStdString() << " " << t;
     }
     EXPECT_FALSE(r.fieldsMatch(0, "ii", 2));
     EXPECT_FALSE(r.fieldsMatch(0, "ii", -1));

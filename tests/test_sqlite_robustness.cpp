@@ -46,7 +46,8 @@ QString makeRichDb(const QString& path, int pageSize) {
                     .arg(QString(i * 13 % 900, QChar('a' + i % 26)))
                     .arg(qint64(i) * 1000003)
                     .arg(i % 7 == 0 ? 1200 : 3));
-    for (int i = 0; i < 30; ++i) db.exec(QString("INSERT INTO gone VALUES (%1, 'dropped %1')").arg(i));
+    for (int i = 0; i < 30; ++i)
+        db.exec(QString("INSERT INTO gone VALUES (%1, 'dropped %1')").arg(i));
     db.exec("COMMIT");
     db.exec("DELETE FROM m WHERE id % 5 = 0; DROP TABLE gone;");
     return path;
@@ -155,7 +156,8 @@ TEST(Loops, OverflowChainsBTreeChildrenAndFreeListsThatLoopStop) {
     {
         EngineDb db(deep);
         db.exec("PRAGMA page_size=512; CREATE TABLE t(a INTEGER PRIMARY KEY, b TEXT); BEGIN;");
-        for (int i = 0; i < 400; ++i) db.exec(QString("INSERT INTO t VALUES (%1, '%2')").arg(i).arg(QString(40, 'q')));
+        for (int i = 0; i < 400; ++i)
+            db.exec(QString("INSERT INTO t VALUES (%1, '%2')").arg(i).arg(QString(40, 'q')));
         db.exec("COMMIT");
     }
     SQliteDbUtil tree;
@@ -189,7 +191,8 @@ TEST(Mutations, DamagedDatabasesNeverCrashOrHang) {
         for (int c = 0; c < changes; ++c) {
             // Mostly page headers, cell pointers and the database header, where damage matters.
             const int page = int(next(quint32(bytes.size() / pageSize)));
-            const int offset = next(3) == 0 ? int(next(pageSize)) : int(next(24)) + (page == 0 ? 100 * int(next(2)) : 0);
+            const int offset =
+                next(3) == 0 ? int(next(pageSize)) : int(next(24)) + (page == 0 ? 100 * int(next(2)) : 0);
             const int at = page * pageSize + offset;
             bytes[at] = char(next(4) == 0 ? 0xFF : next(256));
         }

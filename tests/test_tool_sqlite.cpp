@@ -18,8 +18,8 @@ ToolRun tool(const QStringList& args) {
     QProcess p;
     p.start(QString(UTILS_TOOL_PATH), args);
     p.waitForFinished(60000);
-    return {p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1, QString::fromUtf8(p.readAllStandardOutput()),
-            QString::fromUtf8(p.readAllStandardError())};
+    return {p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1,
+            QString::fromUtf8(p.readAllStandardOutput()), QString::fromUtf8(p.readAllStandardError())};
 }
 
 const QString kSample = QString(UTILS_SOURCE_DIR) + "/examples/chat.db";
@@ -43,14 +43,16 @@ TEST(ToolSqlite, TablesRowsAndRecoveryOnTheSample) {
     EXPECT_EQ(first.at(4).toString(), QString("Are you home tonight?"));
     EXPECT_TRUE(first.at(5).isDouble());
 
-    const ToolRun recovered = tool({"recover", kSample, "message", "iissii", "--with-header", "--free-list", "--json"});
+    const ToolRun recovered =
+        tool({"recover", kSample, "message", "iissii", "--with-header", "--free-list", "--json"});
     ASSERT_EQ(recovered.code, 0);
     bool accountNumber = false, fromFreePage = false;
     for (const QJsonValue& v : QJsonDocument::fromJson(recovered.out.toUtf8()).array()) {
         const QJsonObject o = v.toObject();
         const QJsonArray values = o.value("values").toArray();
         if (values.at(4).toString().contains("GB29 NWBK")) accountNumber = values.at(0).toInt() == 25;
-        if (o.value("source").toString() == "free-list pages" && values.at(4).toString().startsWith("Auto-reply 8"))
+        if (o.value("source").toString() == "free-list pages" &&
+            values.at(4).toString().startsWith("Auto-reply 8"))
             fromFreePage = true;
     }
     EXPECT_TRUE(accountNumber);
@@ -66,7 +68,8 @@ TEST(ToolSqlite, BlobsAsBase64AndFreeList) {
     const QString path = dir.filePath("b.db");
     {
         fixtures::EngineDb db(path);
-        db.exec("PRAGMA secure_delete=OFF; CREATE TABLE b(x BLOB, r REAL); INSERT INTO b VALUES (x'00ff10', 2.5);");
+        db.exec("PRAGMA secure_delete=OFF; CREATE TABLE b(x BLOB, r REAL); INSERT INTO b VALUES (x'00ff10', "
+                "2.5);");
     }
     const ToolRun rows = tool({"rows", path, "b", "--json"});
     ASSERT_EQ(rows.code, 0);
