@@ -1,12 +1,10 @@
-// A minimal HTTP/1.1 server on 127.0.0.1 for the network tests. It lives in the thread that
-// creates it (run that thread's events while a client waits), answers from a table of canned
-// responses (unknown targets get 404), closes every connection after answering and records
-// what it received.
+// A minimal HTTP/1.1 server on 127.0.0.1 for the network tests. It lives in the thread that creates
+// it (run that thread's events while a client waits), answers from a table of canned responses
+// (404 otherwise), closes every connection after answering and records what it received.
 #pragma once
 
 #include <QHash>
 #include <QMap>
-#include <QPointer>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTimer>
@@ -24,7 +22,6 @@ struct ReceivedRequest {
 };
 
 class LocalHttpServer : public QObject {
-    Q_OBJECT
 public:
     LocalHttpServer() { connect(&m_server, &QTcpServer::newConnection, this, &LocalHttpServer::accept); }
     bool start() { return m_server.listen(QHostAddress::LocalHost, 0); }
@@ -35,16 +32,7 @@ public:
     void route(const QByteArray& target, const CannedResponse& response) { m_routes[target] = response; }
 
     QList<ReceivedRequest> requests;
-    QList<QByteArray> targets() const {
-        QList<QByteArray> list;
-        for (const ReceivedRequest& r : requests)
-            list << r.target;
-        return list;
-    }
-    int hits(const QByteArray& target) const { return targets().count(target); }
-
-signals:
-    void requestReceived();
+    QList<QByteArray> targets; // of the requests, in order
 
 private:
     void accept() {
@@ -71,21 +59,21 @@ private:
         r.body = buffer.mid(end + 4, length);
         m_buffers.remove(socket);
         requests.append(r);
-        emit requestReceived();
+        targets.append(r.target);
 
         const CannedResponse answer = m_routes.value(
             r.target, m_routes.value(r.target.split('?').first(), {404, {}, "no such page", 0}));
         QByteArray bytes =
             "HTTP/1.1 " + QByteArray::number(answer.status) +
-            " X\r\nConnection: close\r\nContent-Length: " + QByteArray::number(answer.body.size()) + "\r\n";
+            " X\r\nConnection: close\r\nContent-Length: " + QByteArray::number(answer.body.size());
         for (const auto& h : answer.headers)
-            bytes += h.first + ": " + h.second + "\r\n";
-        bytes += "\r\n" + answer.body;
-        QPointer<QTcpSocket> guarded(socket);
-        QTimer::singleShot(answer.delayMs, socket, [guarded, bytes] {
-            if (!guarded || guarded->state() != QAbstractSocket::ConnectedState) return;
-            guarded->write(bytes);
-            guarded->disconnectFromHost();
+            bytes += "\r\n" + h.first + ": " + h.second;
+        bytes += "\r\n\r\n" + answer.body;
+        // Bound to the socket: a socket already gone takes the pending answer with it.
+        QTimer::singleShot(answer.delayMs, socket, [socket, bytes] {
+            if (socket->state() != QAbstractSocket::ConnectedState) return;
+            socket->write(bytes);
+            socket->disconnectFromHost();
         });
     }
 

@@ -1,5 +1,4 @@
-// The blocking HTTP client, reply helpers, reply blocker and cookie file, against a server on
-// 127.0.0.1 started by each test.
+// The blocking HTTP client, reply helpers, reply blocker and cookie file, against a local server.
 #include "LocalHttpServer.h"
 
 #include "NetworkBlocker.h"
@@ -7,12 +6,12 @@
 #include "QHttpUtils.h"
 
 #include <QCoreApplication>
-#include <QElapsedTimer>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QNetworkCookie>
+#include <QPointer>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -21,11 +20,11 @@
 namespace {
 
 // window bits 31: gzip, 15: zlib stream, -15: raw deflate.
-QByteArray squeeze(const QByteArray& data, int windowBits) {
+QByteArray squeeze(QByteArray data, int windowBits) {
     z_stream s{};
     deflateInit2(&s, 9, Z_DEFLATED, windowBits, 8, Z_DEFAULT_STRATEGY);
     QByteArray out(int(deflateBound(&s, uLong(data.size()))) + 32, '\0');
-    s.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.constData()));
+    s.next_in = reinterpret_cast<Bytef*>(data.data());
     s.avail_in = uInt(data.size());
     s.next_out = reinterpret_cast<Bytef*>(out.data());
     s.avail_out = uInt(out.size());
@@ -61,7 +60,7 @@ TEST_F(HttpTest, BodiesAreDecodedByTheirMagicBytes) {
         QByteArray body, expected;
     } cases[] = {
         {"/gzip", "gzip", squeeze(text, 31), text},
-        {"/GZIP", "GZIP", squeeze(text, 31), text},
+        {"/GZIP", "GZIP", squeeze(text, 31), text},            // the word in any case
         {"/deflate-gzip", "deflate", squeeze(text, 31), text}, // the magic bytes decide
         {"/zlib", "Deflate", squeeze(text, 15), text},
         {"/gzip-zlib", "gzip", squeeze(text, 15), text},     // no magic: read as a zlib stream
@@ -92,28 +91,19 @@ TEST_F(HttpTest, ErrorsStatusCodesAndJson) {
     };
     EXPECT_EQ(QHttpUtils::statusCode(fetch("/missing").data()), 404);
     EXPECT_TRUE(QHttpUtils::readAllEx(fetch("/missing").data(), true).isEmpty());
-    EXPECT_EQ(QHttpUtils::readAllEx(fetch("/missing").data(), false), QByteArray("{\"error\": \"gone\"}"));
-    EXPECT_TRUE(QHttpUtils::readJson(fetch("/missing").data(), true).isNull());
     EXPECT_EQ(QHttpUtils::readJson(fetch("/missing").data(), false)["error"].toString(), QString("gone"));
     EXPECT_EQ(QHttpUtils::readJson(fetch("/json").data(), true)["a"].toArray().size(), 2);
     EXPECT_TRUE(QHttpUtils::readJson(fetch("/text").data(), true).isNull());
 
-    QTcpServer closed; // a port nobody listens on: no HTTP response, so no status
-    ASSERT_TRUE(closed.listen(QHostAddress::LocalHost, 0));
-    const QUrl refused(QString("http://127.0.0.1:%1/").arg(closed.serverPort()));
-    closed.close();
-    QSharedPointer<QNetworkReply> reply(client.get(refused, {}));
-    EXPECT_EQ(reply->error(), QNetworkReply::ConnectionRefusedError);
-    EXPECT_EQ(QHttpUtils::statusCode(reply.data()), 0);
+    // Port 1 is not listened on: the connection is refused, there is no HTTP response and no status.
+    const QSharedPointer<QNetworkReply> refused(client.get(QUrl("http://127.0.0.1:1/"), {}));
+    EXPECT_EQ(refused->error(), QNetworkReply::ConnectionRefusedError);
+    EXPECT_EQ(QHttpUtils::statusCode(refused.data()), 0);
 }
 
 TEST_F(HttpTest, RequestsCarryHeadersAndIndentedJson) {
-    const QNetworkRequest request = QHttpUtils::makeRequest(url("/x"), {{"X-B", "2"}, {"X-A", "é"}});
-    EXPECT_EQ(request.rawHeaderList(), (QList<QByteArray>{"X-A", "X-B"}));
-    EXPECT_EQ(request.rawHeader("X-A"), QString("é").toUtf8());
-
     const QJsonObject body{{"name", "value"}, {"n", 3}};
-    const QMap<QString, QString> headers{{"X-Token", "t"}, {"Content-Type", "application/json"}};
+    const QMap<QString, QString> headers{{"X-Token", "é"}, {"Content-Type", "application/json"}};
     delete client.post(url("/echo"), headers, body);
     delete client.put(url("/echo?v=1"), headers, body);
     delete client.put(QNetworkRequest(url("/raw")), "raw bytes");
@@ -123,20 +113,17 @@ TEST_F(HttpTest, RequestsCarryHeadersAndIndentedJson) {
     EXPECT_EQ(seen[0].method + seen[1].method + seen[2].method + seen[3].method,
               QByteArray("POSTPUTPUTPOST"));
     EXPECT_EQ(seen[1].target, QByteArray("/echo?v=1"));
-    EXPECT_EQ(seen[0].body, QJsonDocument(body).toJson()); // the indented form
-    EXPECT_TRUE(seen[1].body.contains("\n    \"n\": 3"));
-    EXPECT_EQ(seen[0].headers.value("x-token"), QByteArray("t"));
+    EXPECT_EQ(seen[0].headers.value("x-token"), QString("é").toUtf8());
+    EXPECT_TRUE(seen[0].body.contains("\n    \"n\": 3")); // the indented form, for both verbs
+    EXPECT_EQ(seen[1].body, seen[0].body);
     EXPECT_EQ(seen[2].body + seen[3].body, QByteArray("raw bytesform=1"));
 }
 
 TEST_F(HttpTest, TimeoutUntilClearCacheAndAbort) {
     server.route("/slow", {200, {}, "late", 700});
     client.setTimeout(100);
-    QElapsedTimer timer;
-    timer.start();
     QNetworkReply* reply = client.get(url("/slow"), {});
-    EXPECT_NE(reply->error(), QNetworkReply::NoError);
-    EXPECT_LT(timer.elapsed(), 650);
+    EXPECT_EQ(reply->error(), QNetworkReply::OperationCanceledError);
     delete reply;
     client.clearCache(); // the fresh manager has no time-out
     reply = client.get(url("/slow"), {});
@@ -150,19 +137,14 @@ TEST_F(HttpTest, TimeoutUntilClearCacheAndAbort) {
     blocker.abort(); // no wait under way: nothing happens
     QSharedPointer<QNetworkReply> slow(manager.get(QNetworkRequest(url("/slow"))));
     QTimer::singleShot(50, &blocker, [&blocker] { blocker.abort(); });
-    timer.restart();
     blocker.wait(slow);
-    EXPECT_LT(timer.elapsed(), 650);
     EXPECT_EQ(slow->error(), QNetworkReply::OperationCanceledError);
     blocker.wait(slow); // finished already: returns at once
 }
 
 TEST_F(HttpTest, CookiesStayOutOfTheMemberJarAndSurviveAFile) {
     server.route("/login", {200, {{"Set-Cookie", "sid=abc; Path=/; HttpOnly"}}, "hi", 0});
-    QNetworkReply* reply = client.get(url("/login"), {});
-    const auto sent = reply->header(QNetworkRequest::SetCookieHeader).value<QList<QNetworkCookie>>();
-    delete reply;
-    ASSERT_EQ(sent.size(), 1);
+    delete client.get(url("/login"), {});
     EXPECT_TRUE(client.cookieJar()->cookiesForUrl(url("/")).isEmpty());
     delete client.get(url("/page"), {}); // the manager's own jar sends it back...
     EXPECT_EQ(server.requests.last().headers.value("cookie"), QByteArray("sid=abc"));
@@ -172,30 +154,27 @@ TEST_F(HttpTest, CookiesStayOutOfTheMemberJarAndSurviveAFile) {
 
     QTemporaryDir dir;
     const QString path = dir.filePath("cookies.txt");
-    QList<QNetworkCookie> cookies = sent;
-    cookies += QNetworkCookie::parseCookies("pref=dark mode; Expires=Wed, 01 Jan 2200 00:00:00 GMT; Secure");
-    cookies += QNetworkCookie::parseCookies("old=1; Expires=Thu, 01 Jan 1970 00:00:10 GMT");
+    QList<QNetworkCookie> cookies = QNetworkCookie::parseCookies(
+        "sid=abc; Path=/; HttpOnly\npref=dark mode; Expires=Wed, 01 Jan 2200 00:00:00 GMT; Secure\n"
+        "old=1; Expires=Thu, 01 Jan 1970 00:00:10 GMT");
     for (QNetworkCookie& c : cookies)
         c.setDomain("127.0.0.1");
     OpenJar jar;
     jar.setAllCookies(cookies);
     ASSERT_TRUE(jar.save(path));
     QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    ASSERT_TRUE(file.open(QIODevice::ReadWrite));
     const QList<QByteArray> lines = file.readAll().split('\n');
-    file.close();
     ASSERT_EQ(lines.size(), 4); // one line per cookie, expired ones included
     for (int i = 0; i < 3; ++i)
         EXPECT_EQ(QByteArray::fromBase64(lines[i]), cookies[i].toRawForm());
-    ASSERT_TRUE(file.open(QIODevice::Append));
     file.write("!!!\n" + QNetworkCookie("late", "2").toRawForm().toBase64() + "\n");
     file.close();
 
     OpenJar other;
     other.insertCookie(QNetworkCookie("keep", "1"));
-    QNetworkCookie stale("sid", "stale");
-    stale.setDomain("127.0.0.1");
-    stale.setPath("/");
+    QNetworkCookie stale = cookies[0];
+    stale.setValue("stale");
     other.insertCookie(stale);
     ASSERT_TRUE(other.load(path));
     QMap<QByteArray, QNetworkCookie> byName;
@@ -203,10 +182,8 @@ TEST_F(HttpTest, CookiesStayOutOfTheMemberJarAndSurviveAFile) {
         byName[c.name()] = c;
     // Merged, same names replaced, the expired one refused by the base jar, junk skipped.
     EXPECT_EQ(byName.keys(), (QList<QByteArray>{"keep", "late", "pref", "sid"}));
-    EXPECT_TRUE(byName["sid"].isSessionCookie() && byName["sid"].isHttpOnly());
-    EXPECT_EQ(byName["sid"].value(), QByteArray("abc"));
-    EXPECT_EQ(byName["pref"].value(), QByteArray("dark mode"));
-    EXPECT_TRUE(byName["pref"].isSecure());
+    EXPECT_EQ(byName["sid"].toRawForm(), cookies[0].toRawForm());  // a session cookie, http-only
+    EXPECT_EQ(byName["pref"].toRawForm(), cookies[1].toRawForm()); // secure, with a space in its value
 
     OpenJar empty;
     EXPECT_TRUE(empty.save(path));
@@ -222,5 +199,3 @@ int main(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }
-
-#include "moc_LocalHttpServer.cpp"

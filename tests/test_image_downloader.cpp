@@ -1,5 +1,5 @@
 // The queued image downloader (worker thread, disk cache, delivery to the owner's thread) and
-// the LoopThread worker base, against a server on 127.0.0.1 started by the tests.
+// the LoopThread worker base, against a local server.
 #include "LocalHttpServer.h"
 
 #include "LoopThread.h"
@@ -8,49 +8,27 @@
 #include <QBuffer>
 #include <QCoreApplication>
 #include <QCryptographicHash>
-#include <QDeadlineTimer>
 #include <QDir>
 #include <QDirIterator>
 #include <QElapsedTimer>
-#include <QPainter>
-#include <QSignalSpy>
 #include <QTemporaryDir>
+#include <QTest>
 #include <QThread>
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
-#include <mutex>
+#include <atomic>
 
 namespace {
 
-QByteArray encode(const QImage& image, const char* format) {
+QByteArray png(int w, int h, Qt::GlobalColor color) {
+    QImage image(w, h, QImage::Format_ARGB32);
+    image.fill(color);
     QByteArray bytes;
     QBuffer buffer(&bytes);
     buffer.open(QIODevice::WriteOnly);
-    image.save(&buffer, format);
+    image.save(&buffer, "png");
     return bytes;
-}
-
-QByteArray transparentPng() { // 100 by 50, an opaque disc on a transparent ground
-    QImage image(100, 50, QImage::Format_ARGB32);
-    image.fill(Qt::transparent);
-    QPainter(&image).fillRect(40, 15, 20, 20, Qt::red);
-    return encode(image, "png");
-}
-
-QByteArray blueJpeg() {
-    QImage image(80, 80, QImage::Format_RGB32);
-    image.fill(Qt::blue);
-    return encode(image, "jpeg");
-}
-
-// Runs this thread's events until the signal has come count times (bounded).
-bool waitFor(QSignalSpy& spy, int count) {
-    QDeadlineTimer deadline(10000);
-    while (spy.count() < count && !deadline.hasExpired())
-        spy.wait(int(qMax<qint64>(1, deadline.remainingTime())));
-    return spy.count() >= count;
 }
 
 int filesUnder(const QString& dir) {
@@ -64,40 +42,30 @@ ImageDownloadTaskPtr task(const QString& url, int w, int h) {
     return ImageDownloadTaskPtr::create(url, w, h);
 }
 
-} // namespace
-
-// Records each delivered picture on the thread it lives in.
-class Collector : public QObject {
-    Q_OBJECT
-public:
-    struct Item {
-        ImageDownloadTaskPtr task;
-        QImage image;
-        bool onOwnerThread;
-    };
-    QList<Item> items;
-    explicit Collector(QueuedImageDownloader& d) {
-        connect(&d, &QueuedImageDownloader::imageLoaded, this,
-                [this](const ImageDownloadTaskPtr& t, const QImage& i) {
-                    items.append({t, i, QThread::currentThread() == thread()});
-                    emit delivered();
-                });
-    }
-signals:
-    void delivered();
-};
-
 class DownloaderTest : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_TRUE(server.start() && cache.isValid());
-        server.route("/alpha.png", {200, {}, transparentPng(), 0});
-        server.route("/img", {200, {}, blueJpeg(), 0});
-        server.route("/slow", {200, {}, blueJpeg(), 400});
+        server.route("/alpha.png", {200, {}, png(100, 50, Qt::transparent), 0});
+        server.route("/img", {200, {}, png(80, 80, Qt::blue), 0});
+        server.route("/slow", {200, {}, png(80, 80, Qt::blue), 400});
         server.route("/garbage", {200, {}, "no picture", 0});
         downloader.setCacheFolder(cache.path());
+        QObject::connect(&downloader, &QueuedImageDownloader::imageLoaded, &receiver,
+                         [this](const ImageDownloadTaskPtr& t, const QImage& i) {
+                             items.append({t, i});
+                             offThread += QThread::currentThread() != receiver.thread();
+                         });
     }
     QString url(const QString& target) const { return server.url(target); }
+    ImageDownloadTaskPtr at(const char* target, int w = 10, int h = 10) { return task(url(target), w, h); }
+    bool delivered(int n) {
+        return QTest::qWaitFor([&] { return items.size() >= n; }, 10000);
+    }
+    bool received(int n) {
+        return QTest::qWaitFor([&] { return server.requests.size() >= n; }, 10000);
+    }
+    int hits(const char* target) const { return server.targets.count(target); }
     QString cacheFile(const QString& u, int w, int h) {
         const QString id = downloader.getImageId(u);
         return cache.filePath(QString("%1/%2_%3_%4").arg(id.left(2), id).arg(w).arg(h));
@@ -106,9 +74,12 @@ protected:
     LocalHttpServer server;
     QTemporaryDir cache;
     QueuedImageDownloader downloader;
-    Collector collector{downloader};
-    QSignalSpy delivered{&collector, &Collector::delivered};
+    QObject receiver;                                 // lives on the test's thread
+    QList<QPair<ImageDownloadTaskPtr, QImage>> items; // as delivered
+    int offThread = 0;                                // deliveries not on the receiver's thread
 };
+
+} // namespace
 
 TEST_F(DownloaderTest, DiskCacheLayoutAndSquareLookup) {
     EXPECT_EQ(QueuedImageDownloader().cacheFolder(),
@@ -120,14 +91,14 @@ TEST_F(DownloaderTest, DiskCacheLayoutAndSquareLookup) {
     // Square: downloaded once (transparency intact), then served as an opaque JPEG from disk.
     const ImageDownloadTaskPtr square = task(alpha, 40, 40);
     downloader.push_back({square, task(alpha, 40, 40)});
-    ASSERT_TRUE(waitFor(delivered, 2));
-    EXPECT_EQ(collector.items[0].task, square); // the queued pointer itself
-    EXPECT_TRUE(collector.items[0].onOwnerThread && collector.items[1].onOwnerThread);
-    EXPECT_EQ(server.hits("/alpha.png"), 1);
-    for (const Collector::Item& item : collector.items)
-        EXPECT_EQ(item.image.size(), QSize(40, 20));
-    EXPECT_EQ(qAlpha(collector.items[0].image.pixel(0, 0)), 0);
-    EXPECT_EQ(qAlpha(collector.items[1].image.pixel(0, 0)), 255);
+    ASSERT_TRUE(delivered(2));
+    EXPECT_EQ(items[0].first, square); // the queued pointer itself
+    EXPECT_EQ(offThread, 0);
+    EXPECT_EQ(hits("/alpha.png"), 1);
+    EXPECT_EQ(items[0].second.size(), QSize(40, 20));
+    EXPECT_EQ(items[1].second.size(), QSize(40, 20));
+    EXPECT_EQ(qAlpha(items[0].second.pixel(0, 0)), 0);
+    EXPECT_EQ(qAlpha(items[1].second.pixel(0, 0)), 255);
     QFile file(cacheFile(alpha, 40, 40));
     ASSERT_TRUE(file.open(QIODevice::ReadOnly));
     EXPECT_EQ(file.read(3), QByteArray("\xff\xd8\xff"));
@@ -135,52 +106,50 @@ TEST_F(DownloaderTest, DiskCacheLayoutAndSquareLookup) {
     // Wide: stored as id_60_30 but looked up as id_30_30, so fetched every time...
     const QString photo = url("/img");
     downloader.push_back({task(photo, 60, 30), task(photo, 60, 30)});
-    ASSERT_TRUE(waitFor(delivered, 4));
-    EXPECT_EQ(server.hits("/img"), 2);
-    EXPECT_EQ(collector.items[3].image.size(), QSize(30, 30));
+    ASSERT_TRUE(delivered(4));
+    EXPECT_EQ(hits("/img"), 2);
+    EXPECT_EQ(items[3].second.size(), QSize(30, 30));
     EXPECT_TRUE(QFile::exists(cacheFile(photo, 60, 30)));
     // ...until a picture is stored under the height-by-height name.
-    downloader.saveToCacheFile(photo, 30, 30, collector.items[3].image);
+    downloader.saveToCacheFile(photo, 30, 30, items[3].second);
     downloader.push_back({task(photo, 60, 30)});
-    ASSERT_TRUE(waitFor(delivered, 5));
-    EXPECT_EQ(server.hits("/img"), 2);
+    ASSERT_TRUE(delivered(5));
+    EXPECT_EQ(hits("/img"), 2);
     EXPECT_EQ(filesUnder(cache.path()), 3);
 }
 
 TEST_F(DownloaderTest, FailedTasksEmitNothingAndCacheNothing) {
-    const ImageDownloadTaskPtr sentinel = task(url("/img"), 20, 20);
-    downloader.push_back({task(url("/missing.png"), 20, 20), task(url("/garbage"), 20, 20),
-                          task(url("/img"), 0, 20), task(url("/img"), 20, -1), task(QString(), 20, 20),
+    const ImageDownloadTaskPtr sentinel = at("/img", 20, 20);
+    downloader.push_back({at("/missing.png", 20, 20), at("/garbage", 20, 20), at("/img", 0, 20),
+                          at("/img", 20, -1), task(QString(), 20, 20),
                           task("http://127.0.0.1:1/refused.png", 20, 20), sentinel});
-    ASSERT_TRUE(waitFor(delivered, 1)); // the queue runs in order: the failures are done
-    ASSERT_EQ(collector.items.size(), 1);
-    EXPECT_EQ(collector.items[0].task, sentinel);
-    EXPECT_EQ(server.targets(), (QList<QByteArray>{"/missing.png", "/garbage", "/img"}));
+    ASSERT_TRUE(delivered(1)); // the queue runs in order: the failures are done
+    ASSERT_EQ(items.size(), 1);
+    EXPECT_EQ(items[0].first, sentinel);
+    EXPECT_EQ(server.targets, (QList<QByteArray>{"/missing.png", "/garbage", "/img"}));
     EXPECT_EQ(filesUnder(cache.path()), 1);
     EXPECT_EQ(downloader.downloadImage(url("/img"), 10, 25).size(), QSize(10, 10)); // on this thread
     EXPECT_EQ(filesUnder(cache.path()), 1);
 }
 
 TEST_F(DownloaderTest, QueueOrderRemoveAndClear) {
-    QSignalSpy received(&server, &LocalHttpServer::requestReceived);
-    downloader.push_back({task(url("/slow?1"), 10, 10)});
-    ASSERT_TRUE(waitFor(received, 1)); // the worker is busy: rearrange the queue meanwhile
-    downloader.push_back({task(url("/img?c"), 10, 10)});
-    downloader.push_front({task(url("/img?a"), 10, 10), task(url("/img?b"), 10, 10)});
-    downloader.push_back({task(url("/img?d"), 10, 10), task(url("/img?e"), 10, 10),
-                          task(url("/img?d"), 10, 10), task(url("/img?d"), 10, 12)});
-    downloader.remove({task(url("/img?d"), 10, 10)}); // equal by value: both copies go
-    ASSERT_TRUE(waitFor(delivered, 6));
-    EXPECT_EQ(server.targets(),
+    downloader.push_back({at("/slow?1")});
+    ASSERT_TRUE(received(1)); // the worker is busy: rearrange the queue meanwhile
+    downloader.push_back({at("/img?c")});
+    downloader.push_front({at("/img?a"), at("/img?b")});
+    downloader.push_back({at("/img?d"), at("/img?e"), at("/img?d"), at("/img?d", 10, 12)});
+    downloader.remove({at("/img?d")}); // equal by value: both copies go
+    ASSERT_TRUE(delivered(6));
+    EXPECT_EQ(server.targets,
               (QList<QByteArray>{"/slow?1", "/img?a", "/img?b", "/img?c", "/img?e", "/img?d"}));
 
-    downloader.push_back({task(url("/slow?2"), 10, 10)});
-    ASSERT_TRUE(waitFor(received, 7));
-    downloader.push_back({task(url("/img?g"), 10, 10)});
+    downloader.push_back({at("/slow?2")});
+    ASSERT_TRUE(received(7));
+    downloader.push_back({at("/img?g")});
     downloader.clear();
-    downloader.push_back({task(url("/img?z"), 10, 10)});
-    ASSERT_TRUE(waitFor(delivered, 8));
-    EXPECT_EQ(server.targets().mid(6), (QList<QByteArray>{"/slow?2", "/img?z"}));
+    downloader.push_back({at("/img?z")});
+    ASSERT_TRUE(delivered(8));
+    EXPECT_EQ(server.targets.mid(6), (QList<QByteArray>{"/slow?2", "/img?z"}));
 }
 
 namespace {
@@ -190,23 +159,15 @@ public:
     CountingLoop(int pause, bool endEveryThird) : m_end(endEveryThird) { m_pause = pause; }
     ~CountingLoop() override { stop(); }
     bool waitForPasses(int n) {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_changed.wait_for(lock, std::chrono::seconds(10), [&] { return passes >= n; });
+        return QTest::qWaitFor([&] { return passes >= n; }, 10000);
     }
-    bool hasWorker() const { return m_worker != nullptr; }
-    int passes = 0; // read after stop() or under m_mutex
+    std::atomic<int> passes{0};
 
 protected:
-    bool routine() override {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_changed.notify_all();
-        return ++passes % 3 == 0 && m_end;
-    }
+    bool routine() override { return ++passes % 3 == 0 && m_end; }
 
 private:
     bool m_end;
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
 };
 } // namespace
 
@@ -218,8 +179,7 @@ TEST(LoopThread, StartStopAndRestart) {
     loop.start(); // the loop has ended but its worker is kept until stop(): nothing happens
     loop.stop();
     EXPECT_EQ(loop.passes, 3);
-    EXPECT_FALSE(loop.hasWorker());
-    loop.start();
+    loop.start(); // stop() forgot the worker
     ASSERT_TRUE(loop.waitForPasses(6));
     loop.stop();
     EXPECT_EQ(loop.passes, 6);
@@ -239,6 +199,3 @@ int main(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }
-
-#include "moc_LocalHttpServer.cpp"
-#include "test_image_downloader.moc"
