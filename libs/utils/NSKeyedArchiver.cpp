@@ -52,22 +52,6 @@ private:
 
     QJsonValue convertNode(plist_t node, unsigned depth) {
         switch (typeOf(node)) {
-        case PLIST_NONE:
-            return QJsonValue(QJsonValue::Undefined);
-        case PLIST_BOOLEAN:
-            return PlistUtils::getBoolValue(node);
-        case PLIST_UINT:
-            return QJsonValue(qint64(PlistUtils::getUint64Value(node)));
-        case PLIST_REAL:
-            return PlistUtils::getRealValue(node);
-        case PLIST_STRING:
-            return PlistUtils::getQStringValue(node);
-        case PLIST_DATE:
-            return PlistUtils::getDateValue(node);
-        case PLIST_DATA:
-            return QString::fromLatin1(PlistUtils::getByteArrayValue(node).toBase64());
-        case PLIST_KEY:
-            return PlistUtils::getKey(node);
         case PLIST_ARRAY: {
             QJsonArray array;
             const uint32_t size = plist_array_get_size(node);
@@ -95,8 +79,8 @@ private:
             std::free(it);
             return object;
         }
-        default:
-            return QJsonValue(QJsonValue::Null);
+        default: // scalars read exactly as in a plain property list
+            return PlistUtils::toJson(node);
         }
     }
 
