@@ -23,29 +23,18 @@ void setZone(const char* zone) {
 } // namespace
 
 TEST(Formatting, SizeAndDuration) {
-    EXPECT_EQ(OSUtils::formatSize(0), "0.00 Bytes");
-    EXPECT_EQ(OSUtils::formatSize(1023), "1023.00 Bytes");
-    EXPECT_EQ(OSUtils::formatSize(1024), "1.00 KB");
-    EXPECT_EQ(OSUtils::formatSize(1536), "1.50 KB");
-    EXPECT_EQ(OSUtils::formatSize(1048575), "1024.00 KB");
-    EXPECT_EQ(OSUtils::formatSize(-5), "-5.00 Bytes");
-    EXPECT_EQ(OSUtils::formatSize(qint64(1) << 60), "1024.00 PB");
+    QStringList sizes, marks, clock;
+    for (qint64 bytes : {0LL, 1023LL, 1024LL, 1536LL, 1048575LL, -5LL, 1LL << 60})
+        sizes << OSUtils::formatSize(bytes);
+    EXPECT_EQ(sizes.join(", ").toStdString(),
+              "0.00 Bytes, 1023.00 Bytes, 1.00 KB, 1.50 KB, 1024.00 KB, -5.00 Bytes, 1024.00 PB");
 
-    const auto marks = [](int s) { return OSUtils::formatDuration(s, SPLIT_MARKS); };
-    EXPECT_EQ(marks(75), QString::fromUtf8("1\u2019"
-                                           "15\u2019\u2019"));
-    EXPECT_EQ(marks(59), QString::fromUtf8("59\u2019\u2019"));
-    EXPECT_EQ(marks(0), QString::fromUtf8("0\u2019\u2019"));
-    EXPECT_EQ(marks(600), QString::fromUtf8("10\u2019"
-                                            "0\u2019\u2019"));
-    EXPECT_EQ(marks(3600), QString::fromUtf8("0\u2019\u2019"));
-    EXPECT_EQ(marks(3605), QString::fromUtf8("5\u2019\u2019"));
-
-    EXPECT_EQ(OSUtils::formatDuration(75, SPLIT_COLON), "01:15");
-    EXPECT_EQ(OSUtils::formatDuration(3605, SPLIT_COLON), "01:00:05");
-    EXPECT_EQ(OSUtils::formatDuration(0, SPLIT_COLON), "00:00");
-    EXPECT_EQ(OSUtils::formatDuration(86405, SPLIT_COLON), "00:05");
-    EXPECT_EQ(OSUtils::formatDuration(-1, SPLIT_COLON), "23:59:59");
+    for (int seconds : {75, 0, 600, 3600, 3605})
+        marks << OSUtils::formatDuration(seconds, SPLIT_MARKS);
+    EXPECT_EQ(marks.join(' '), QString("1'15'' 0'' 10'0'' 0'' 5''").replace('\'', QChar(0x2019)));
+    for (int seconds : {75, 3605, 86405, -1})
+        clock << OSUtils::formatDuration(seconds, SPLIT_COLON);
+    EXPECT_EQ(clock.join(' ').toStdString(), "01:15 01:00:05 00:05 23:59:59");
     EXPECT_EQ(OSUtils::formatDuration(75, static_cast<SPLITTYPE>(7)), "");
 }
 
@@ -67,9 +56,8 @@ TEST(Formatting, TimestampConvert) {
 }
 
 TEST(Formatting, CurrentTime) {
-    EXPECT_TRUE(QRegularExpression("^\\d\\d/\\d\\d/\\d{4} \\d\\d:\\d\\d:\\d\\d$")
-                    .match(DateUtils::currentDateTime())
-                    .hasMatch());
+    const QRegularExpression defaultForm("^\\d\\d/\\d\\d/\\d{4} \\d\\d:\\d\\d:\\d\\d$");
+    EXPECT_TRUE(defaultForm.match(DateUtils::currentDateTime()).hasMatch());
     EXPECT_EQ(DateUtils::currentDateTime("yyyy").toInt(), QDate::currentDate().year());
 
     g_logged.clear();

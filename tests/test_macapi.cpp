@@ -17,9 +17,7 @@ TEST(MacAPI, VersionAndProbe) {
     EXPECT_FALSE(QFileInfo::exists(tmp.filePath("a/b/access")));
     EXPECT_EQ(QFileInfo(tmp.filePath("a/b")).isDir(), probed);
     // Below a plain file no folder can be made: the probe fails.
-    QFile plain(tmp.filePath("file"));
-    ASSERT_TRUE(plain.open(QIODevice::WriteOnly));
-    plain.close();
+    ASSERT_TRUE(QFile(tmp.filePath("file")).open(QIODevice::WriteOnly));
     EXPECT_EQ(MacAPIUtil::checkDiskAccesePermition(tmp.filePath("file/sub")), !probed);
 #ifndef __APPLE__
     EXPECT_FALSE(MacAPIUtil::openSystemPreferences());
