@@ -1,6 +1,5 @@
-// Keyed-archive decoding: UID resolution through "$objects", the object form of "$top",
-// whole-list conversion, undefined values, failures, hostile reference graphs, and the
-// archive subcommand.
+// Keyed-archive decoding: UID resolution, the object form of "$top", whole-list conversion,
+// undefined values, failures, hostile reference graphs, and the archive subcommand.
 #include "NSKeyedArchiver.h"
 
 #include <gtest/gtest.h>
@@ -15,10 +14,6 @@
 
 #include <initializer_list>
 #include <utility>
-
-void PrintTo(const QJsonValue& value, std::ostream* os) {
-    *os << QJsonDocument(QJsonArray{value}).toJson(QJsonDocument::Compact).toStdString();
-}
 
 namespace {
 
@@ -36,12 +31,8 @@ plist_t array(std::initializer_list<plist_t> items) {
     return a;
 }
 
-plist_t str(const char* s) {
-    return plist_new_string(s);
-}
-plist_t uid(uint64_t v) {
-    return plist_new_uid(v);
-}
+const auto str = &plist_new_string;
+const auto uid = &plist_new_uid;
 
 // An archive as the system's archiver writes it: "$null" at index 0, then the objects.
 plist_t archive(plist_t top, plist_t objects) {
@@ -68,10 +59,17 @@ plist_t stringArchive() {
                    array({dict({{"NS.string", str("hi")}, {"$class", uid(2)}}),
                           dict({{"$classname", str("NSString")}, {"$classes", array({str("NSString")})}})}));
 }
-const QJsonObject kStringJson{
-    {"root",
-     QJsonObject{{"NS.string", "hi"},
-                 {"$class", QJsonObject{{"$classname", "NSString"}, {"$classes", QJsonArray{"NSString"}}}}}}};
+QJsonObject js(const char* text) {
+    return QJsonDocument::fromJson(text).object();
+}
+const QJsonObject kStringJson =
+    js(R"({"root": {"NS.string": "hi", "$class": {"$classname": "NSString", "$classes": ["NSString"]}}})");
+
+QString writeFile(const QTemporaryDir& dir, const QByteArray& bytes) {
+    QFile file(dir.filePath("a.archive"));
+    EXPECT_TRUE(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size());
+    return file.fileName();
+}
 
 QJsonObject decode(const QByteArray& bytes) {
     NSKeyedArchiver a;
@@ -89,54 +87,43 @@ TEST(NSKeyedArchiver, ResolvesReferencesInBinaryAndXmlArchives) {
     EXPECT_TRUE(a.isEmpty());                                         // the inherited object stays empty
     EXPECT_EQ(decode(serialise(stringArchive(), true)), kStringJson); // UIDs as CF$UID dictionaries
 
-    // Collections, a date stored as a real, index 0, a dangling UID, a chain 6 -> 7 -> 8.
+    // Collections, a date stored as a real, index 0, a dangling UID, a chain 6 -> 7 -> 8; integers
+    // read as signed, dates unconverted, data as Base64.
     const QJsonObject o = decode(serialise(archive(
         dict({{"root", uid(1)},
               {"nothing", uid(0)},
               {"dangling", uid(99)},
               {"chain", uid(6)},
-              {"list", array({uid(3), uid(99), uid(0)})}}),
+              {"list", array({uid(3), uid(99), uid(0)})},
+              {"n", plist_new_uint(uint64_t(-1))},
+              {"d", plist_new_date(1, 0)},
+              {"b", plist_new_data("\xff", 1)}}),
         array(
             {dict({{"NS.keys", array({uid(3), uid(4)})}, {"NS.objects", array({uid(5), plist_new_bool(0)})}}),
              str("unused"), str("sent"), str("flag"), dict({{"NS.time", plist_new_real(600.25)}}), uid(7),
              uid(8), str("end")}))));
-    EXPECT_EQ(
-        o,
-        (QJsonObject{
-            {"root", QJsonObject{{"NS.keys", QJsonArray{"sent", "flag"}},
-                                 {"NS.objects", QJsonArray{QJsonObject{{"NS.time", 600.25}}, false}}}},
-            {"nothing", "$null"}, // index 0 is the placeholder text, not null
-            {"chain", "end"},
-            {"list", QJsonArray{"sent", QJsonValue(), "$null"}}})); // dangling: key dropped, null in arrays
-
-    // Integers read as signed, dates unconverted, data as Base64.
-    EXPECT_EQ(decode(serialise(archive(dict({{"n", plist_new_uint(uint64_t(-1))},
-                                             {"d", plist_new_date(1, 0)},
-                                             {"b", plist_new_data("\xff", 1)}}),
-                                       array({})))),
-              (QJsonObject{{"n", qint64(-1)}, {"d", 1.0}, {"b", "/w=="}}));
+    // Index 0 is the placeholder text, not null; a dangling UID drops its key, and is null in arrays.
+    EXPECT_EQ(o, js(R"({"root": {"NS.keys": ["sent", "flag"], "NS.objects": [{"NS.time": 600.25}, false]},)"
+                    R"("nothing": "$null", "chain": "end", "list": ["sent", null, "$null"],)"
+                    R"("n": -1, "d": 1.0, "b": "/w=="})"));
 }
 
 TEST(NSKeyedArchiver, StructuralFaultsLoadAndFailuresKeepTheResult) {
-    EXPECT_EQ(decode(serialise(dict({{"$objects", array({str("$null")})}}))), QJsonObject());
-    EXPECT_EQ(decode(serialise(dict({{"$top", array({str("x")})}}))), QJsonObject());
-    EXPECT_EQ(decode(serialise(array({str("x")}))), QJsonObject());
+    for (plist_t faulty : {dict({{"$objects", array({str("$null")})}}), dict({{"$top", array({str("x")})}}),
+                           array({str("x")})})
+        EXPECT_EQ(decode(serialise(faulty)), QJsonObject());
     EXPECT_EQ(decode(serialise(
                   dict({{"$top", dict({{"a", uid(1)}, {"b", str("kept")}})}, {"$objects", str("no")}}))),
-              (QJsonObject{{"b", "kept"}}));
+              js(R"({"b": "kept"})"));
 
     // The whole-list form has no objects table: every UID is undefined.
     NSKeyedArchiver a;
     ASSERT_TRUE(a.loadRootFromData(
         serialise(dict({{"name", str("x")}, {"ref", uid(1)}, {"refs", array({uid(1)})}}))));
-    EXPECT_EQ(a.json(), QJsonValue(QJsonObject{{"name", "x"}, {"refs", QJsonArray{QJsonValue()}}}));
+    EXPECT_EQ(a.json(), QJsonValue(js(R"({"name": "x", "refs": [null]})")));
 
     QTemporaryDir dir;
-    QFile file(dir.filePath("a.archive"));
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write(serialise(stringArchive()));
-    file.close();
-    ASSERT_TRUE(a.loadFromFile(file.fileName()));
+    ASSERT_TRUE(a.loadFromFile(writeFile(dir, serialise(stringArchive()))));
     EXPECT_FALSE(a.loadFromFile(dir.filePath("missing")));
     EXPECT_FALSE(a.loadRootFromFile(dir.path()));
     EXPECT_FALSE(a.loadFromData("garbage"));
@@ -149,8 +136,7 @@ TEST(NSKeyedArchiver, HostileReferenceGraphsEnd) {
     const QJsonObject cyclic =
         decode(serialise(archive(dict({{"self", uid(1)}, {"loop", uid(2)}}),
                                  array({dict({{"me", uid(1)}, {"v", str("x")}}), uid(3), uid(2)}))));
-    EXPECT_EQ(cyclic,
-              (QJsonObject{{"self", QJsonObject{{"me", QJsonValue()}, {"v", "x"}}}, {"loop", QJsonValue()}}));
+    EXPECT_EQ(cyclic, js(R"({"self": {"me": null, "v": "x"}, "loop": null})"));
 
     // Forty objects each referring twice to the next (2^40 values if copied one by one), and a
     // chain of 1500 objects: both resolve completely.
@@ -178,10 +164,7 @@ TEST(NSKeyedArchiver, HostileReferenceGraphsEnd) {
 TEST(NSKeyedArchiver, InspectToolPrintsResolvedArchives) {
     if (QString(UTILS_TOOL_PATH).isEmpty()) GTEST_SKIP() << "utils-inspect not built";
     QTemporaryDir dir;
-    QFile file(dir.filePath("a.archive"));
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write(serialise(stringArchive()));
-    file.close();
+    const QString file = writeFile(dir, serialise(stringArchive()));
     auto run = [](const QStringList& args, int code) {
         QProcess tool;
         tool.start(QString(UTILS_TOOL_PATH), args);
@@ -189,10 +172,10 @@ TEST(NSKeyedArchiver, InspectToolPrintsResolvedArchives) {
         EXPECT_EQ(tool.exitCode(), code) << tool.readAllStandardError().toStdString();
         return QJsonDocument::fromJson(tool.readAllStandardOutput()).object();
     };
-    EXPECT_EQ(run({"archive", file.fileName()}, 0), kStringJson);
-    const QJsonObject whole = run({"archive", "--root", file.fileName()}, 0);
+    EXPECT_EQ(run({"archive", file}, 0), kStringJson);
+    const QJsonObject whole = run({"archive", "--root", file}, 0);
     EXPECT_EQ(whole.value("$archiver"), QJsonValue("NSKeyedArchiver"));
     EXPECT_EQ(whole.value("$top"), QJsonValue(QJsonObject()));
     EXPECT_TRUE(run({"archive", dir.filePath("missing")}, 1).isEmpty());
-    EXPECT_TRUE(run({"archive", "--bogus", file.fileName()}, 2).isEmpty());
+    EXPECT_TRUE(run({"archive", "--bogus", file}, 2).isEmpty());
 }
