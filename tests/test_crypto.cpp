@@ -16,17 +16,15 @@ QByteArray bytes(int size, int seed) {
 
 // Reference: OpenSSL with its own PKCS#7 padding switched on.
 QByteArray referenceEncrypt(const QByteArray& data, const QByteArray& key, const QByteArray& iv) {
-    const EVP_CIPHER* cipher = key.size() == 16   ? EVP_aes_128_cbc()
-                               : key.size() == 24 ? EVP_aes_192_cbc()
-                                                  : EVP_aes_256_cbc();
+    const auto in = [](const QByteArray& b) { return reinterpret_cast<const uchar*>(b.constData()); };
+    const std::string name = "aes-" + std::to_string(key.size() * 8) + "-cbc";
     EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
-    EVP_EncryptInit_ex(ctx, cipher, nullptr, reinterpret_cast<const uchar*>(key.constData()),
-                       reinterpret_cast<const uchar*>(iv.constData()));
+    EVP_EncryptInit_ex(ctx, EVP_get_cipherbyname(name.c_str()), nullptr, in(key), in(iv));
     QByteArray out(data.size() + 16, Qt::Uninitialized);
+    uchar* to = reinterpret_cast<uchar*>(out.data());
     int n = 0, tail = 0;
-    EVP_EncryptUpdate(ctx, reinterpret_cast<uchar*>(out.data()), &n,
-                      reinterpret_cast<const uchar*>(data.constData()), data.size());
-    EVP_EncryptFinal_ex(ctx, reinterpret_cast<uchar*>(out.data()) + n, &tail);
+    EVP_EncryptUpdate(ctx, to, &n, in(data), data.size());
+    EVP_EncryptFinal_ex(ctx, to + n, &tail);
     EVP_CIPHER_CTX_free(ctx);
     return out.left(n + tail);
 }
@@ -52,7 +50,6 @@ TEST(CrypteHelper, MatchesOpenSslForAllKeySizes) {
         for (int size : {0, 1, 15, 16, 17, 1000}) {
             const QByteArray data = bytes(size, keySize), key = bytes(keySize, size);
             const QByteArray cipher = CrypteHelper::AESEncrypt(data, key, iv);
-            EXPECT_EQ(cipher.size(), (size / 16 + 1) * 16);
             EXPECT_EQ(cipher, referenceEncrypt(data, key, iv)) << keySize << " " << size;
             EXPECT_EQ(CrypteHelper::AESDecrypt(cipher, key, iv), data) << keySize << " " << size;
             EXPECT_EQ(CrypteHelper::AESEncrypt(data, key, iv + "longer iv"), cipher); // first 16 bytes only

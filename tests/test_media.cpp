@@ -1,5 +1,4 @@
-// Media durations: SILK voice notes measured by their frames, other media by the container;
-// and the media subcommands of utils-inspect.
+// Media durations (SILK voice notes by their frames, other media by the container) and utils-inspect.
 #include "OSUtils.h"
 
 #include <gtest/gtest.h>
@@ -28,9 +27,9 @@ QByteArray silk(int frames, bool leadByte) {
     return bytes;
 }
 
-QByteArray le32(quint32 v) {
+QByteArray le32(quint32 v) { // little-endian host
     return QByteArray(reinterpret_cast<const char*>(&v), 4);
-} // little-endian host
+}
 
 // An 8-bit mono PCM WAV file: its duration is exactly samples / rate.
 QByteArray wav(quint32 rate, quint32 samples) {
@@ -39,24 +38,31 @@ QByteArray wav(quint32 rate, quint32 samples) {
            QByteArray(int(samples), '\x80');
 }
 
+QByteArray g_stdout;
+int runTool(const QStringList& args, const QByteArray& input = QByteArray()) {
+    QProcess process;
+    process.start(UTILS_TOOL_PATH, args);
+    process.write(input);
+    process.closeWriteChannel();
+    process.waitForFinished(30000);
+    g_stdout = process.readAllStandardOutput();
+    return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+}
 } // namespace
 
 TEST(ReadSilk, CountsFramesAfterTheFirstTwo) {
     QTemporaryDir dir;
     auto seconds = [&](const QByteArray& bytes) { return OSUtils::readSilk(writeFile(dir, "v.slk", bytes)); };
-    EXPECT_EQ(seconds(silk(52, true)), 1); // 50 frames of 20 ms
-    EXPECT_EQ(seconds(silk(52, false)), 1);
-    EXPECT_EQ(seconds(silk(51, false)), 0); // 980 ms
-    EXPECT_EQ(seconds(silk(1502, true)), 30);
+    EXPECT_EQ(seconds(silk(52, true)), 1);                                 // 50 frames of 20 ms
+    EXPECT_EQ(seconds(silk(51, false)), 0);                                // 980 ms
     EXPECT_EQ(seconds("X" + silk(152, false).mid(1)), 3);                  // first byte never looked at
     EXPECT_EQ(seconds(silk(2, true) + QByteArray(200, '\0')), 2);          // empty frames count too
     EXPECT_EQ(seconds(silk(51, true) + QByteArray("\xff\xff\x01", 3)), 1); // cut last frame counts
 
     EXPECT_EQ(OSUtils::readSilk(dir.filePath("missing.slk")), 0);
-    EXPECT_EQ(seconds("\x02#!SILK"), 0);
-    EXPECT_EQ(seconds("#!AMR\n" + silk(100, false)), 0);
-    EXPECT_EQ(seconds("\x02!SILK_V3" + silk(100, false).mid(9)), 0); // after 0x02 the # is required
-    EXPECT_EQ(seconds("#!SILK_V2" + silk(100, false).mid(9)), 0);
+    EXPECT_EQ(seconds("\x02#!SILK"), 0);                              // short read
+    for (const char* head : {"#!AMR\n", "\x02!SILK_V3", "#!SILK_V2"}) // after 0x02 the # is required
+        EXPECT_EQ(seconds(head + silk(100, false).mid(9)), 0) << head;
 }
 
 TEST(MediaDuration, SilkByNameContainerRoundingAndFailures) {
@@ -74,7 +80,6 @@ TEST(MediaDuration, SilkByNameContainerRoundingAndFailures) {
     auto duration = [&](quint32 rate, quint32 samples, const QString& format) {
         return OSUtils::getMediaDuration("a.wav", writeFile(dir, "a.wav", wav(rate, samples)), format);
     };
-    EXPECT_EQ(duration(1000, 59996, "mm:ss"), "01:00");
     EXPECT_EQ(duration(1000, 59995, "mm:ss"), "01:00");
     EXPECT_EQ(duration(1000, 59994, "mm:ss"), "00:59");
     EXPECT_EQ(duration(1, 90061, "hh:mm:ss"), "01:01:01"); // 25 h 1 min 1 s wraps as a time of day
@@ -87,19 +92,6 @@ TEST(MediaDuration, SilkByNameContainerRoundingAndFailures) {
         EXPECT_EQ(OSUtils::getMediaDuration("x.mp4", writeFile(dir, "x.mp4", junk), "hh:mm:ss"), "00:00:00");
     qInstallMessageHandler(previous);
 }
-
-namespace {
-QByteArray g_stdout;
-int runTool(const QStringList& args, const QByteArray& input = QByteArray()) {
-    QProcess process;
-    process.start(UTILS_TOOL_PATH, args);
-    process.write(input);
-    process.closeWriteChannel();
-    process.waitForFinished(30000);
-    g_stdout = process.readAllStandardOutput();
-    return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-}
-} // namespace
 
 TEST(ToolMedia, DurationGzipAndAes) {
     if (QString(UTILS_TOOL_PATH).isEmpty()) GTEST_SKIP() << "utils-inspect is not built";
