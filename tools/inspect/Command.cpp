@@ -2,6 +2,8 @@
 
 #include <QByteArray>
 #include <QDateTime>
+#include <QFile>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -18,9 +20,13 @@ static QList<Command>& registry() {
     return list;
 }
 
-Registration::Registration(Command command) { registry().append(std::move(command)); }
+Registration::Registration(Command command) {
+    registry().append(std::move(command));
+}
 
-const QList<Command>& commands() { return registry(); }
+const QList<Command>& commands() {
+    return registry();
+}
 
 Args::Args(const QStringList& args, const QStringList& switches, const QStringList& options) {
     bool onlyPositional = false;
@@ -102,6 +108,15 @@ bool parseOrExit(const QString& name, Args& args, int minPositional, int maxPosi
         *exit = Usage;
         return false;
     }
+    return true;
+}
+
+bool checkInputFile(const QString& path) {
+    const QFileInfo info(path);
+    if (!info.exists()) return fail(path + ": no such file"), false;
+    if (info.isDir()) return fail(path + ": is a folder, not a file"), false;
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) return fail(path + ": cannot open for reading"), false;
     return true;
 }
 
@@ -204,6 +219,8 @@ void installInterruptHandler(std::function<void()> onInterrupt) {
     std::signal(SIGINT, onSigint);
 }
 
-bool interrupted() { return g_interrupted.load(); }
+bool interrupted() {
+    return g_interrupted.load();
+}
 
 } // namespace inspect

@@ -59,6 +59,10 @@ private:
 // a usage error (Usage). Returns true when the command should go on.
 bool parseOrExit(const QString& name, Args& args, int minPositional, int maxPositional, int* exit);
 
+// Checks that path names a file that can be read; otherwise prints why ("<path>: no such file",
+// "is a folder", "cannot open for reading") and returns false.
+bool checkInputFile(const QString& path);
+
 // One line "utils-inspect: <message>" on stderr; returns code.
 int fail(const QString& message, int code = Failed);
 // Writes text to stdout as UTF-8 (a newline is added).

@@ -29,17 +29,6 @@ void collectDebug(QtMsgType type, const QMessageLogContext&, const QString& mess
     fprintf(stderr, "%s\n", message.toLocal8Bit().constData());
 }
 
-// Checks that path names a readable file; prints why not and returns false otherwise.
-bool checkInputFile(const QString& command, const QString& path) {
-    const QFileInfo info(path);
-    if (!info.exists()) return fail(QString("%1: %2: no such file").arg(command, path)), false;
-    if (info.isDir()) return fail(QString("%1: %2: is a folder, not a file").arg(command, path)), false;
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return fail(QString("%1: %2: cannot open for reading").arg(command, path)), false;
-    return true;
-}
-
 // Classic hex dump: offset, sixteen bytes in hex, the printable ones as text.
 void printHexDump(const QByteArray& data) {
     for (int offset = 0; offset < data.size(); offset += 16) {
@@ -113,7 +102,7 @@ int runManifest(const QStringList& argv) {
     int exit = Ok;
     if (!parseOrExit("manifest", args, 2, 2, &exit)) return exit;
     const QString dbPath = args.positional().at(0);
-    if (!checkInputFile("manifest", dbPath)) return Failed;
+    if (!checkInputFile(dbPath)) return Failed;
 
     const QtMessageHandler previous = qInstallMessageHandler(collectDebug);
     const int code = readManifest(dbPath, args.positional().at(1), args);
@@ -126,7 +115,7 @@ int runMmkv(const QStringList& argv) {
     int exit = Ok;
     if (!parseOrExit("mmkv", args, 1, 1, &exit)) return exit;
     const QString path = args.positional().at(0);
-    if (!checkInputFile("mmkv", path)) return Failed;
+    if (!checkInputFile(path)) return Failed;
 
     const MMKVParser store(path);
     QJsonObject json;
@@ -164,7 +153,7 @@ int runProtobuf(const QStringList& argv) {
             .arg(fieldPath);
     // The reader answers an empty part with its default; here it is a usage error like any other.
     if (fieldPath.split('.').contains(QString())) return fail(badPath, Usage);
-    if (!checkInputFile("protobuf", path)) return Failed;
+    if (!checkInputFile(path)) return Failed;
 
     RawMessage message;
     if (!message.mergeFile(QFile::encodeName(path).toStdString()))

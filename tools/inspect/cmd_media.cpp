@@ -34,9 +34,7 @@ bool readInput(const QString& path, QByteArray* data) {
     if (isStdio(path)) {
         if (!file.open(stdin, QIODevice::ReadOnly)) return fail("cannot read standard input"), false;
     } else {
-        const QFileInfo info(path);
-        if (!info.exists()) return fail(path + ": no such file"), false;
-        if (info.isDir()) return fail(path + ": is a folder"), false;
+        if (!checkInputFile(path)) return false;
         file.setFileName(path);
         if (!file.open(QIODevice::ReadOnly)) return fail(path + ": cannot open for reading"), false;
     }
@@ -96,10 +94,8 @@ int runDuration(const QStringList& argv) {
     const QString path = args.positional().at(0);
     const QString format = args.value("--format", "hh:mm:ss");
     if (format.isEmpty()) return fail("duration: --format needs a pattern such as mm:ss", Usage);
+    if (!checkInputFile(path)) return Failed;
     const QFileInfo info(path);
-    if (!info.exists()) return fail(path + ": no such file");
-    if (info.isDir()) return fail(path + ": is a folder");
-    if (!info.isReadable()) return fail(path + ": cannot open for reading");
     const QString name = args.value("--name", info.fileName());
 
     const bool silk = OSUtils::isSilk(name);

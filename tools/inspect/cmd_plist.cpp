@@ -17,17 +17,6 @@ using namespace inspect;
 
 namespace {
 
-// Checks that path names a readable file; prints why not and returns false otherwise.
-bool checkInputFile(const QString& command, const QString& path) {
-    const QFileInfo info(path);
-    if (!info.exists()) return fail(QString("%1: %2: no such file").arg(command, path)), false;
-    if (info.isDir()) return fail(QString("%1: %2: is a folder, not a file").arg(command, path)), false;
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return fail(QString("%1: %2: cannot open for reading").arg(command, path)), false;
-    return true;
-}
-
 // An archive whose objects are shared many times over resolves into a tree far larger than
 // the file; printing it would not end in reasonable time. Counts values up to a limit.
 constexpr qint64 kMaxPrintedValues = 20 * 1000 * 1000;
@@ -51,7 +40,7 @@ int runPlist(const QStringList& argv) {
     int exit = Ok;
     if (!parseOrExit("plist", args, 1, 1, &exit)) return exit;
     const QString path = args.positional().at(0);
-    if (!checkInputFile("plist", path)) return Failed;
+    if (!checkInputFile(path)) return Failed;
     void* root = nullptr;
     if (!PlistUtils::loadFromFile(path, root))
         return fail(QString("plist: %1: not a readable property list (binary or XML)").arg(path));
@@ -65,7 +54,7 @@ int runArchive(const QStringList& argv) {
     int exit = Ok;
     if (!parseOrExit("archive", args, 1, 1, &exit)) return exit;
     const QString path = args.positional().at(0);
-    if (!checkInputFile("archive", path)) return Failed;
+    if (!checkInputFile(path)) return Failed;
     NSKeyedArchiver archive;
     const bool loaded = args.has("--root") ? archive.loadRootFromFile(path) : archive.loadFromFile(path);
     if (!loaded) return fail(QString("archive: %1: not a readable property list (binary or XML)").arg(path));
@@ -112,7 +101,7 @@ int runMbdb(const QStringList& argv) {
     int exit = Ok;
     if (!parseOrExit("mbdb", args, 1, 1, &exit)) return exit;
     const QString path = args.positional().at(0);
-    if (!checkInputFile("mbdb", path)) return Failed;
+    if (!checkInputFile(path)) return Failed;
     MbdbUtil index;
     if (!index.loadDb(path))
         return fail(QString("mbdb: %1: not a backup index (no \"mbdb\" signature)").arg(path));

@@ -25,23 +25,25 @@ const char* const kPatternHelp = "PATTERN has one character per column: 0-9 exac
 
 // Opens db read-only; on failure prints why and returns false.
 bool openDb(SQliteDbUtil& db, const QString& path) {
-    const QFileInfo info(path);
-    if (!info.exists()) return fail(path + ": no such file"), false;
-    if (info.isDir()) return fail(path + ": is a folder, not a database file"), false;
+    if (!checkInputFile(path)) return false;
     if (db.loadDb(path)) return true;
+    const QFileInfo info(path);
     if (!db.file || !db.file->isOpen()) {
         fail(path + ": cannot open for reading");
     } else if (db.header.magic.isEmpty()) {
         fail(path + ": not an SQLite 3 database");
     } else if (info.size() != qint64(db.header.pageSize) * db.header.pageCount) {
-        fail(QString("%1: file size %2 does not match the header (%3 pages of %4 bytes); "
-                     "a truncated copy, an unmerged write-ahead log, or 64 KiB pages, which are not supported")
-                 .arg(path)
-                 .arg(info.size())
-                 .arg(db.header.pageCount)
-                 .arg(db.header.pageSize));
+        fail(
+            QString("%1: file size %2 does not match the header (%3 pages of %4 bytes); "
+                    "a truncated copy, an unmerged write-ahead log, or 64 KiB pages, which are not supported")
+                .arg(path)
+                .arg(info.size())
+                .arg(db.header.pageCount)
+                .arg(db.header.pageSize));
     } else {
-        fail(QString("%1: free-list trunk page %2 is not in the file").arg(path).arg(db.header.firstFreeListTrunk));
+        fail(QString("%1: free-list trunk page %2 is not in the file")
+                 .arg(path)
+                 .arg(db.header.firstFreeListTrunk));
     }
     return false;
 }
@@ -52,25 +54,29 @@ QStringList columnNames(const SQliteTable& table) {
         byPosition.append({it.value(), it.key()});
     std::sort(byPosition.begin(), byPosition.end());
     QStringList names;
-    for (const auto& p : byPosition) names << p.second;
+    for (const auto& p : byPosition)
+        names << p.second;
     return names;
 }
 
 QJsonArray recordToJson(const QList<QVariant>& record) {
     QJsonArray values;
-    for (const QVariant& v : record) values.append(toJson(v));
+    for (const QVariant& v : record)
+        values.append(toJson(v));
     return values;
 }
 
 QString recordToText(const QList<QVariant>& record) {
     QStringList cells;
-    for (const QVariant& v : record) cells << toText(v);
+    for (const QVariant& v : record)
+        cells << toText(v);
     return cells.join(" | ");
 }
 
 QString pageList(const QList<int>& pages) {
     QStringList numbers;
-    for (int p : pages) numbers << QString::number(p);
+    for (int p : pages)
+        numbers << QString::number(p);
     return numbers.join(',');
 }
 
@@ -79,7 +85,8 @@ bool checkPattern(const QString& pattern) {
     for (int i = 0; i < pattern.size(); ++i) {
         const QChar c = pattern.at(i);
         if (!(c.isDigit() && c.unicode() < 128) && !QString("bdfins").contains(c)) {
-            fail(QString("bad pattern letter '%1' at position %2. %3").arg(c).arg(i + 1).arg(kPatternHelp), Usage);
+            fail(QString("bad pattern letter '%1' at position %2. %3").arg(c).arg(i + 1).arg(kPatternHelp),
+                 Usage);
             return false;
         }
     }
@@ -128,11 +135,16 @@ int runTables(const QStringList& argv) {
         QJsonArray list;
         for (const SQliteTable& t : tables) {
             QJsonObject columns;
-            for (auto it = t.columns.constBegin(); it != t.columns.constEnd(); ++it) columns[it.key()] = it.value();
+            for (auto it = t.columns.constBegin(); it != t.columns.constEnd(); ++it)
+                columns[it.key()] = it.value();
             QJsonArray leafPages;
-            for (int p : t.pages) leafPages.append(p);
-            list.append(QJsonObject{{"name", t.name}, {"rootPage", t.rootPage}, {"pages", leafPages},
-                                    {"columns", columns}, {"columnNames", QJsonArray::fromStringList(columnNames(t))}});
+            for (int p : t.pages)
+                leafPages.append(p);
+            list.append(QJsonObject{{"name", t.name},
+                                    {"rootPage", t.rootPage},
+                                    {"pages", leafPages},
+                                    {"columns", columns},
+                                    {"columnNames", QJsonArray::fromStringList(columnNames(t))}});
         }
         printJson(list);
         return Ok;
@@ -140,10 +152,16 @@ int runTables(const QStringList& argv) {
     out(QString("%1 pages of %2 bytes, text encoding %3, %4 free-list pages")
             .arg(db.header.pageCount)
             .arg(db.header.pageSize)
-            .arg(db.header.textEncoding == 2 ? "UTF-16le" : db.header.textEncoding == 3 ? "UTF-16be" : "UTF-8")
+            .arg(db.header.textEncoding == 2   ? "UTF-16le"
+                 : db.header.textEncoding == 3 ? "UTF-16be"
+                                               : "UTF-8")
             .arg(db.freeListPages.size()));
     for (const SQliteTable& t : tables) {
-        out(QString("%1  root %2  leaf pages %3 [%4]").arg(t.name).arg(t.rootPage).arg(t.pages.size()).arg(pageList(t.pages)));
+        out(QString("%1  root %2  leaf pages %3 [%4]")
+                .arg(t.name)
+                .arg(t.rootPage)
+                .arg(t.pages.size())
+                .arg(pageList(t.pages)));
         out("    columns: " + (t.columns.isEmpty() ? QString("(none)") : columnNames(t).join(", ")));
     }
     return Ok;
@@ -156,16 +174,19 @@ int runRows(const QStringList& argv) {
     SQliteDbUtil db;
     if (!openDb(db, args.positional().at(0))) return Failed;
     const QString name = args.positional().at(1);
-    if (!db.tables.contains(name)) return fail(QString("%1: no table named '%2'").arg(args.positional().at(0), name));
+    if (!db.tables.contains(name))
+        return fail(QString("%1: no table named '%2'").arg(args.positional().at(0), name));
     const QList<QList<QVariant>> records = db.fetchRecordsInTable(name);
     if (args.has("--json")) {
         QJsonArray list;
-        for (const auto& r : records) list.append(recordToJson(r));
+        for (const auto& r : records)
+            list.append(recordToJson(r));
         printJson(list);
         return Ok;
     }
     out("rowid | " + columnNames(db.tables.value(name)).join(" | "));
-    for (const auto& r : records) out(recordToText(r));
+    for (const auto& r : records)
+        out(recordToText(r));
     out(QString("(%1 rows)").arg(records.size()));
     return Ok;
 }
@@ -176,7 +197,8 @@ int printRecovered(const QList<QPair<QString, QList<QList<QVariant>>>>& groups, 
     if (json) {
         QJsonArray list;
         for (const auto& g : groups)
-            for (const auto& r : g.second) list.append(QJsonObject{{"source", g.first}, {"values", recordToJson(r)}});
+            for (const auto& r : g.second)
+                list.append(QJsonObject{{"source", g.first}, {"values", recordToJson(r)}});
         printJson(list);
     } else {
         for (const auto& g : groups) {
@@ -184,7 +206,8 @@ int printRecovered(const QList<QPair<QString, QList<QList<QVariant>>>>& groups, 
                     .arg(g.first)
                     .arg(g.second.size())
                     .arg(withHeader ? " (first value: rowid)" : ""));
-            for (const auto& r : g.second) out(recordToText(r));
+            for (const auto& r : g.second)
+                out(recordToText(r));
         }
     }
     if (wasInterrupted) {
@@ -198,15 +221,17 @@ int runRecover(const QStringList& argv) {
     Args args(argv, {"--json", "--with-header", "--free-list"}, {});
     int code = Ok;
     if (!parseOrExit("recover", args, 3, 3, &code)) return code;
-    const QString path = args.positional().at(0), name = args.positional().at(1), pattern = args.positional().at(2);
+    const QString path = args.positional().at(0), name = args.positional().at(1),
+                  pattern = args.positional().at(2);
     if (!checkPattern(pattern)) return Usage;
     SQliteDbUtil db;
     if (!openDb(db, path)) return Failed;
     if (!db.tables.contains(name)) return fail(QString("%1: no table named '%2'").arg(path, name));
     const bool withHeader = args.has("--with-header");
     QList<QPair<QString, QList<QList<QVariant>>>> groups;
-    groups.append({name + " (gaps and freeblocks)",
-                   runScan(db, "searching " + name, [&] { return db.searchLostRecord(name, pattern, withHeader); })});
+    groups.append({name + " (gaps and freeblocks)", runScan(db, "searching " + name, [&] {
+                       return db.searchLostRecord(name, pattern, withHeader);
+                   })});
     if (args.has("--free-list") && !interrupted())
         groups.append({"free-list pages", runScan(db, "searching free pages", [&] {
                            return db.searchLostRecordInFreeSpace(pattern, withHeader);
@@ -231,14 +256,16 @@ int runFreelist(const QStringList& argv) {
     return printRecovered(groups, args.has("--json"), withHeader, interrupted());
 }
 
-const Registration tablesCommand({"tables", "tables DB [--json]",
-                                  "Lists the tables of an SQLite database read without the engine: name, root page,\n"
-                                  "leaf pages and column names.\n  --json  one JSON array of tables",
-                                  runTables});
-const Registration rowsCommand({"rows", "rows DB TABLE [--json]",
-                                "Prints the live rows of TABLE in rowid order: rowid first, then the columns.\n"
-                                "NULL reads as 0. --json prints one array of records (blobs as base64).",
-                                runRows});
+const Registration
+    tablesCommand({"tables", "tables DB [--json]",
+                   "Lists the tables of an SQLite database read without the engine: name, root page,\n"
+                   "leaf pages and column names.\n  --json  one JSON array of tables",
+                   runTables});
+const Registration
+    rowsCommand({"rows", "rows DB TABLE [--json]",
+                 "Prints the live rows of TABLE in rowid order: rowid first, then the columns.\n"
+                 "NULL reads as 0. --json prints one array of records (blobs as base64).",
+                 runRows});
 const Registration recoverCommand(
     {"recover", "recover DB TABLE PATTERN [--with-header] [--free-list] [--json]",
      QString("Searches the unallocated gaps and freeblocks of TABLE's leaf pages for the remains of deleted\n"

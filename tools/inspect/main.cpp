@@ -19,7 +19,8 @@ static void printUsage() {
     out("Reads evidence files without writing to them. Commands:");
     QList<Command> list = commands();
     std::sort(list.begin(), list.end(), [](const Command& a, const Command& b) { return a.name < b.name; });
-    for (const Command& c : list) out("  " + c.synopsis);
+    for (const Command& c : list)
+        out("  " + c.synopsis);
     out("");
     out("utils-inspect COMMAND --help describes one command.");
 }
@@ -28,7 +29,8 @@ static int dispatch(QStringList args);
 
 int main(int argc, char** argv) {
     QStringList args;
-    for (int i = 1; i < argc; ++i) args << QString::fromLocal8Bit(argv[i]);
+    for (int i = 1; i < argc; ++i)
+        args << QString::fromLocal8Bit(argv[i]);
     bool gui = false;
     for (const Command& c : commands())
         if (!args.isEmpty() && c.name == args.first()) gui = c.needsGui;
@@ -37,7 +39,8 @@ int main(int argc, char** argv) {
         if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
         if (qEnvironmentVariableIsEmpty("XDG_RUNTIME_DIR")) {
             // Give Qt the private runtime folder it would fall back to, without its warning.
-            const QByteArray dir = QDir::tempPath().toLocal8Bit() + "/runtime-" + QByteArray::number(getuid());
+            const QByteArray dir =
+                QDir::tempPath().toLocal8Bit() + "/runtime-" + QByteArray::number(getuid());
             if (::mkdir(dir.constData(), 0700) == 0 || errno == EEXIST) qputenv("XDG_RUNTIME_DIR", dir);
         }
         QGuiApplication app(argc, argv);
