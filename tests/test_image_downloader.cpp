@@ -120,9 +120,10 @@ TEST_F(DownloaderTest, DiskCacheLayoutAndSquareLookup) {
 
 TEST_F(DownloaderTest, FailedTasksEmitNothingAndCacheNothing) {
     const ImageDownloadTaskPtr sentinel = at("/img", 20, 20);
-    downloader.push_back({at("/missing.png", 20, 20), at("/garbage", 20, 20), at("/img", 0, 20),
-                          at("/img", 20, -1), task(QString(), 20, 20),
-                          task("http://127.0.0.1:1/refused.png", 20, 20), sentinel});
+    QList<ImageDownloadTaskPtr> tasks;
+    tasks << at("/missing.png", 20, 20) << at("/garbage", 20, 20) << at("/img", 0, 20) << at("/img", 20, -1)
+          << task(QString(), 20, 20) << task("http://127.0.0.1:1/refused.png", 20, 20) << sentinel;
+    downloader.push_back(tasks);
     ASSERT_TRUE(delivered(1)); // the queue runs in order: the failures are done
     ASSERT_EQ(items.size(), 1);
     EXPECT_EQ(items[0].first, sentinel);
