@@ -4,41 +4,20 @@
 
 #include "SQliteDbUtil.h"
 
-#include <QBuffer>
 #include <QDataStream>
 #include <QTemporaryDir>
-
-#include <cmath>
 
 using namespace fixtures;
 
 namespace {
 
 // The integers chosen so that every integer serial type occurs (0 and 1 are 8 and 9).
-const qint64 kIntegers[] = {0,
-                            1,
-                            -1,
-                            100,
-                            -128,
-                            127,
-                            -129,
-                            30000,
-                            -32768,
-                            32768,
-                            -100000,
-                            8388607,
-                            -8388608,
-                            8388608,
-                            2147483647,
-                            -2147483647 - 1,
-                            2147483648LL,
-                            1099511627776LL,
-                            -1099511627776LL,
-                            140737488355327LL,
-                            -140737488355328LL,
-                            140737488355328LL,
-                            4611686018427387904LL,
-                            INT64_MIN};
+// clang-format off
+const qint64 kIntegers[] = {0, 1, -1, 100, -128, 127, -129, 30000, -32768, 32768, -100000, 8388607, -8388608,
+                            8388608, 2147483647, -2147483647 - 1, 2147483648LL, 1099511627776LL,
+                            -1099511627776LL, 140737488355327LL, -140737488355328LL, 140737488355328LL,
+                            4611686018427387904LL, INT64_MIN};
+// clang-format on
 
 // What the reader yields for an integer stored by the engine (schema format 4).
 QVariant expectedInteger(qint64 v) {
@@ -98,17 +77,12 @@ QString describe(const QList<QVariant>& r) {
 void expectSameRecords(const QList<QList<QVariant>>& actual, const QList<QList<QVariant>>& expected) {
     ASSERT_EQ(actual.size(), expected.size());
     for (int i = 0; i < actual.size(); ++i) {
-        const auto& a = actual.at(i);
-        const auto& e = expected.at(i);
+        const auto &a = actual.at(i), &e = expected.at(i);
         ASSERT_EQ(a.size(), e.size()) << "row " << i;
-        for (int c = 0; c < a.size(); ++c) {
-            EXPECT_EQ(a.at(c).userType(), e.at(c).userType())
+        for (int c = 0; c < a.size(); ++c)
+            EXPECT_TRUE(a.at(c).userType() == e.at(c).userType() && a.at(c) == e.at(c))
                 << "row " << i << " col " << c << "\n got " << describe(a).toStdString() << "\n want "
                 << describe(e).toStdString();
-            EXPECT_TRUE(a.at(c) == e.at(c))
-                << "row " << i << " col " << c << "\n got " << describe(a).toStdString() << "\n want "
-                << describe(e).toStdString();
-        }
     }
 }
 
