@@ -172,8 +172,8 @@ QByteArray SQliteDbUtil::readBytes(QDataStream* s, unsigned long n) {
 
 QString SQliteDbUtil::readString(unsigned long n) {
     const QByteArray bytes = readBytes(n);
+    if (quint64(bytes.size()) < n) return QString(QLatin1String("")); // empty, not null
     if (bytes.isNull()) return QString();
-    if (quint64(bytes.size()) < n) return QString(QLatin1String(""));
     const int zero = bytes.indexOf('\0');
     return QString::fromUtf8(bytes.constData(), zero < 0 ? bytes.size() : zero);
 }
