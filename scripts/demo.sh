@@ -10,8 +10,10 @@ db=examples/chat.db
 echo "== tables =="
 "$tool" tables "$db"
 echo
-echo "== live rows of message =="
-"$tool" rows "$db" message
+echo "== live rows of message (the first 25) =="
+rows=$("$tool" rows "$db" message)
+sed -n '1,26p' <<< "$rows"
+echo "... $(tail -n 1 <<< "$rows")"
 echo
 echo "== deleted messages: whole cells left in unallocated space and on free-list pages =="
 "$tool" recover "$db" message iissii --with-header --free-list
