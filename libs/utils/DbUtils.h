@@ -23,7 +23,7 @@ UTILS_EXPORT extern const QString PHOTO;
 class UTILS_EXPORT DbUtils : public QObject {
     Q_OBJECT
 public:
-    explicit DbUtils(QObject* parent = nullptr);
+    DbUtils();
 
     // The connection for this kind of database, the calling thread and the file. A new connection
     // is returned unopened; an existing one is opened if it was closed.
