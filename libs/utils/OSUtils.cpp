@@ -462,7 +462,7 @@ QString OSUtils::getMediaDuration(const QString& fileName, const QString& filePa
 
     const int64_t duration = context->duration;
     if (duration != AV_NOPTS_VALUE) {
-        // Round to the nearest second, the half second counting 5 ms early (59.995 s gives 60).
+        // Add 5 ms, then truncate to whole seconds: 59.995 s gives 60, 59.994 s gives 59.
         const int64_t rounded = duration <= INT64_MAX - 5000 ? duration + 5000 : duration;
         const int64_t seconds = rounded / AV_TIME_BASE;
         // A time of day wraps at 24 hours; reduce first so that the count fits an int.
