@@ -21,7 +21,6 @@ UTILS_EXPORT extern const QString SAFARIHISTORYDB;
 UTILS_EXPORT extern const QString PHOTO;
 
 class UTILS_EXPORT DbUtils : public QObject {
-    Q_OBJECT
 public:
     DbUtils();
 
