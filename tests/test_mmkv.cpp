@@ -34,8 +34,8 @@ TEST(MMKVParser, VarintReader) {
 TEST(MMKVParser, EntriesAndGetters) {
     // Header, then uid=96 01, neg=-1 (5 bytes), name="hello", bad=length past data, empty, uid again,
     // zero padding and an entry behind it that must not be read.
-    const MMKVParser p = parse(hex("20000000 05 03756964029601 036e656705ffffffff0f 046e616d6506 0568656c6c6f"
-                                   "0362616406 0968656c6c6f 05656d70747900 0375696401 07 0000 016b0176"));
+    MMKVParser p = parse(hex("20000000 05 03756964029601 036e656705ffffffff0f 046e616d6506 0568656c6c6f"
+                             "0362616406 0968656c6c6f 05656d70747900 0375696401 07 0000 016b0176"));
     EXPECT_EQ(p.m_entries.keys(), QStringList({"bad", "empty", "name", "neg", "uid"}));
     EXPECT_EQ(p.getInt("uid"), 7); // last occurrence wins
     EXPECT_EQ(p.getInt("neg"), -1);
@@ -68,7 +68,7 @@ TEST(MMKVParser, MalformedBytesStayInBounds) {
         QByteArray data(int(rng() % 40), Qt::Uninitialized); // exact size, so ASan sees overreads
         for (char& c : data)
             c = char(rng() % 4 == 0 ? 0xff : rng() % 8);
-        const MMKVParser p = parse(data);
+        MMKVParser p = parse(data);
         for (const QString& key : p.m_entries.keys()) {
             (void)p.getInt(key);
             (void)p.getString(key);

@@ -41,7 +41,7 @@ void MMKVParser::loadFromData(const QByteArray& data) {
     }
 }
 
-int MMKVParser::getInt(const QString& key) const {
+int MMKVParser::getInt(const QString& key) {
     const auto it = m_entries.constFind(key);
     if (it == m_entries.constEnd()) return 0;
     int value = 0;
@@ -49,7 +49,7 @@ int MMKVParser::getInt(const QString& key) const {
     return value;
 }
 
-QString MMKVParser::getString(const QString& key) const {
+QString MMKVParser::getString(const QString& key) {
     const auto it = m_entries.constFind(key);
     if (it == m_entries.constEnd()) return QString();
     QString value;

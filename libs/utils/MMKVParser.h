@@ -18,9 +18,9 @@ public:
     void loadFromData(const QByteArray& data);
 
     // The value of key read as a varint; 0 when the key is absent or its value is empty.
-    int getInt(const QString& key) const;
+    int getInt(const QString& key);
     // The value of key read as a length-prefixed UTF-8 string; empty when absent or unreadable.
-    QString getString(const QString& key) const;
+    QString getString(const QString& key);
 
     // Decodes a varint of at most five bytes, never reading at or past end. The fifth byte ends the
     // varint and only its low four bits count. When p is not before end, stores 0 and returns p.

@@ -117,7 +117,7 @@ int runMmkv(const QStringList& argv) {
     const QString path = args.positional().at(0);
     if (!checkInputFile(path)) return Failed;
 
-    const MMKVParser store(path);
+    MMKVParser store(path);
     QJsonObject json;
     for (auto it = store.m_entries.cbegin(); it != store.m_entries.cend(); ++it) {
         const QString hex = QString::fromLatin1(it.value().toHex());
