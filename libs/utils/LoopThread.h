@@ -12,7 +12,8 @@
 class UTILS_EXPORT LoopThread : public QObject {
     Q_OBJECT
 public:
-    explicit LoopThread(QObject* parent = nullptr);
+    // Without a parent and without a worker; the pause is 200 ms.
+    LoopThread();
     // Stops the worker. A subclass whose routine() uses its own members must call stop() in its
     // own destructor, since routine() cannot run once the subclass part is gone.
     ~LoopThread() override;
@@ -33,8 +34,11 @@ protected:
     // One pass of work; returning true ends the loop.
     virtual bool routine() = 0;
 
+private:
     std::thread* m_worker = nullptr;
     // Written by one thread and read by the other.
     std::atomic<bool> m_quit;
-    int m_pause = 200; // milliseconds between passes
+
+protected:
+    int m_pause = 200; // milliseconds between passes; a subclass may change it
 };
