@@ -125,19 +125,19 @@ template <typename T> bool RawMessage::parseValue(const std::string& path, T& ou
     return false;
 }
 
-QString RawMessage::parseStr(const QString& path, const QString& defaultValue) const {
+QString RawMessage::parseStr(const QString& path, const QString& defaultValue) {
     std::string value;
     if (parseValue(path.toUtf8().toStdString(), value)) return QString::fromUtf8(value.c_str());
     return defaultValue;
 }
 
-int RawMessage::parseInt(const QString& path, int defaultValue) const {
+int RawMessage::parseInt(const QString& path, int defaultValue) {
     int value = 0;
     if (parseValue(path.toUtf8().toStdString(), value)) return value;
     return defaultValue;
 }
 
-qint64 RawMessage::parseInt64(const QString& path, int defaultValue) const {
+qint64 RawMessage::parseInt64(const QString& path, int defaultValue) {
     long long value = 0;
     if (parseValue(path.toUtf8().toStdString(), value)) return value;
     return defaultValue;

@@ -33,9 +33,9 @@ public:
 
     // The field at path, or defaultValue when it is missing or cannot be converted. A path part
     // that is not a number throws std::invalid_argument or std::out_of_range.
-    QString parseStr(const QString& path, const QString& defaultValue) const;
-    int parseInt(const QString& path, int defaultValue) const;
-    qint64 parseInt64(const QString& path, int defaultValue) const;
+    QString parseStr(const QString& path, const QString& defaultValue);
+    int parseInt(const QString& path, int defaultValue);
+    qint64 parseInt64(const QString& path, int defaultValue);
 
     google::protobuf::DescriptorPool* m_pool = nullptr;
     google::protobuf::DynamicMessageFactory* m_factory = nullptr;
