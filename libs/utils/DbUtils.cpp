@@ -17,7 +17,7 @@ const QString CALLHISTORYDBV2 = QStringLiteral("CALLHISTORYDBV2");
 const QString SAFARIHISTORYDB = QStringLiteral("SAFARIHISTORYDB");
 const QString PHOTO = QStringLiteral("PHOTO");
 
-DbUtils::DbUtils() : QObject(nullptr) {}
+DbUtils::DbUtils(QObject* parent) : QObject(parent) {}
 
 QSqlDatabase DbUtils::dataBase(const QString& kind, const QString& path) {
     // Qt connections must not cross threads, so the calling thread is part of the name. The

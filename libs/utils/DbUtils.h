@@ -22,7 +22,7 @@ UTILS_EXPORT extern const QString PHOTO;
 
 class UTILS_EXPORT DbUtils : public QObject {
 public:
-    DbUtils();
+    explicit DbUtils(QObject* parent = nullptr); // constructed without a parent unless one is given
 
     // The connection for this kind of database, the calling thread and the file. A new connection
     // is returned unopened; an existing one is opened if it was closed.
