@@ -229,15 +229,22 @@ TEST(PlistUtils, ParserGuardsRefuseHostileListsOnly) {
     const QJsonArray l2({QJsonArray{5, 5}, QJsonArray{5, 5}});
     EXPECT_EQ(P::toJson(root), QJsonValue(QJsonArray{l2, l2}));
     plist_t nested = plist_new_string("bottom");
-    for (int i = 0; i < 200; ++i) {
+    for (int i = 0; i < 1200; ++i) {
         plist_t a = plist_new_array();
         plist_array_append_item(a, nested);
         nested = a;
     }
     Tree deep(nested);
-    for (const QByteArray& bytes : {P::savaToBinFromByteArray(nested), P::toXml(nested).toUtf8()}) {
+    QJsonValue bottom = P::toJson(nested); // a tree built in memory converts to any depth
+    for (int i = 0; i < 1200; ++i)
+        bottom = bottom.toArray().at(0);
+    EXPECT_EQ(bottom, QJsonValue("bottom"));
+    void* inner = nested; // 200 deep
+    for (int i = 0; i < 1000; ++i)
+        inner = plist_array_get_item(static_cast<plist_t>(inner), 0);
+    for (const QByteArray& bytes : {P::savaToBinFromByteArray(inner), P::toXml(inner).toUtf8()}) {
         ASSERT_TRUE(P::loadFromData(bytes, root));
-        EXPECT_EQ(P::toJson(root), P::toJson(nested));
+        EXPECT_EQ(P::toJson(root), P::toJson(inner));
         plist_free(static_cast<plist_t>(root));
     }
 }

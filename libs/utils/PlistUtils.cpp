@@ -47,7 +47,9 @@ bool saveWith(Serialiser serialise, const QString& path, void* node) {
     return opened;
 }
 
-QJsonValue toJsonAt(void* node, unsigned depth) {
+// Recursive. Loaded trees nest at most plistcompat::kMaxDepth containers deep (the parser
+// refuses deeper lists); a tree built in memory is followed to whatever depth it has.
+QJsonValue toJsonAt(void* node) {
     switch (nodeType(node)) {
     case PLIST_NONE:
         return QJsonValue(QJsonValue::Undefined);
@@ -70,15 +72,13 @@ QJsonValue toJsonAt(void* node, unsigned depth) {
         return QJsonValue(QJsonValue::Null);
     case PLIST_ARRAY: {
         QJsonArray array;
-        if (depth >= plistcompat::kMaxDepth) return array;
         const uint32_t size = plist_array_get_size(static_cast<plist_t>(node));
         for (uint32_t i = 0; i < size; ++i)
-            array.append(toJsonAt(plist_array_get_item(static_cast<plist_t>(node), i), depth + 1));
+            array.append(toJsonAt(plist_array_get_item(static_cast<plist_t>(node), i)));
         return array;
     }
     case PLIST_DICT: {
         QJsonObject object;
-        if (depth >= plistcompat::kMaxDepth) return object;
         plist_dict_iter it = nullptr;
         plist_dict_new_iter(static_cast<plist_t>(node), &it);
         if (!it) return object;
@@ -90,7 +90,7 @@ QJsonValue toJsonAt(void* node, unsigned depth) {
                 std::free(key);
                 break;
             }
-            object.insert(QString::fromUtf8(key), toJsonAt(value, depth + 1));
+            object.insert(QString::fromUtf8(key), toJsonAt(value));
             std::free(key);
         }
         std::free(it);
@@ -261,7 +261,7 @@ QString PlistUtils::toXml(void* node) {
 }
 
 QJsonValue PlistUtils::toJson(void* node) {
-    return toJsonAt(node, 0);
+    return toJsonAt(node);
 }
 
 void PlistUtils::foreachDict(void* node, std::function<void(const char*, void*)> fn) {
