@@ -3,7 +3,7 @@
 #include <chrono>
 
 // The quit flag is left as it is here; start() clears it before the worker runs.
-LoopThread::LoopThread() : QObject(nullptr) {}
+LoopThread::LoopThread(QObject* parent) : QObject(parent) {}
 
 LoopThread::~LoopThread() {
     stop();

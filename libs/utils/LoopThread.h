@@ -13,7 +13,7 @@ class UTILS_EXPORT LoopThread : public QObject {
     Q_OBJECT
 public:
     // Without a parent and without a worker; the pause is 200 ms.
-    LoopThread();
+    explicit LoopThread(QObject* parent = nullptr); // no parent unless one is given
     // Stops the worker. A subclass whose routine() uses its own members must call stop() in its
     // own destructor, since routine() cannot run once the subclass part is gone.
     ~LoopThread() override;
