@@ -20,7 +20,9 @@ QVersionNumber MacAPIUtil::OSVersion() {
 
 bool MacAPIUtil::checkDiskAccesePermition(const QString& dir) {
     // Only systems before 10.14 are probed; a version that cannot be read counts as older.
-    if (QVersionNumber::compare(OSVersion(), QVersionNumber(10, 14, 0)) >= 0) return true;
+    // Trailing zeros are dropped first, so that a system reporting "10.14" counts as 10.14.0.
+    if (QVersionNumber::compare(OSVersion().normalized(), QVersionNumber(10, 14, 0).normalized()) >= 0)
+        return true;
 
     QDir().mkpath(dir);
     QFile probe(OSUtils::pathJoin(dir, "access"));
