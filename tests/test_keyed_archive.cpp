@@ -11,6 +11,7 @@
 #include <QJsonDocument>
 #include <QProcess>
 #include <QTemporaryDir>
+#include <QThread>
 
 #include <initializer_list>
 #include <utility>
@@ -139,10 +140,11 @@ TEST(NSKeyedArchiver, HostileReferenceGraphsEnd) {
     EXPECT_EQ(cyclic, js(R"({"self": {"me": null, "v": "x"}, "loop": null})"));
 
     // Forty objects each referring twice to the next (2^40 values if copied one by one), and a
-    // chain of 1500 objects: both resolve completely.
+    // chain of 5000 objects resolved on a thread with a 512 KiB stack: both resolve completely.
+    const uint64_t depth = 5000;
     plist_t shared = array({});
     plist_t chain = array({});
-    for (uint64_t i = 1; i <= 1500; ++i) {
+    for (uint64_t i = 1; i <= depth; ++i) {
         if (i <= 40) plist_array_append_item(shared, array({uid(i + 1), uid(i + 1)}));
         plist_array_append_item(chain, dict({{"next", uid(i + 1)}}));
     }
@@ -155,8 +157,12 @@ TEST(NSKeyedArchiver, HostileReferenceGraphsEnd) {
     for (int i = 0; i < 40; ++i)
         v = v.toArray().at(1);
     EXPECT_EQ(v, QJsonValue("leaf"));
-    v = decode(serialise(archive(dict({{"root", uid(1)}}), chain))).value("root");
-    for (int i = 0; i < 1500; ++i)
+    const QByteArray chainBytes = serialise(archive(dict({{"root", uid(1)}}), chain));
+    QScopedPointer<QThread> worker(QThread::create([&] { v = decode(chainBytes).value("root"); }));
+    worker->setStackSize(512 * 1024);
+    worker->start();
+    ASSERT_TRUE(worker->wait(120000));
+    for (uint64_t i = 0; i < depth; ++i)
         v = v.toObject().value("next");
     EXPECT_EQ(v, QJsonValue("bottom"));
 }

@@ -9,85 +9,123 @@
 #include <QSet>
 
 #include <cstdlib>
+#include <vector>
 
 namespace {
-
-// Nesting of conversions beyond which a branch is cut (it stands as null). Only cyclic or
-// hostile archives come near it; it keeps them from exhausting the stack.
-constexpr unsigned kMaxDepth = 2000;
 
 // One conversion. An object referred to more than once converts to the same value each
 // time, so it is converted once and the value shared (a graph with much sharing would
 // otherwise take exponential time). The objects on the current path detect cycles.
+// Containers are converted with a stack of their own rather than by recursion, so that no
+// nesting, however deep, can exhaust the thread's stack; nothing is cut.
 class Resolver {
 public:
     explicit Resolver(plist_t objects)
-        : m_objects(objects), m_count(typeOf(objects) == PLIST_ARRAY ? plist_array_get_size(objects) : 0) {}
+        : m_objects(plistcompat::arrayItems(objects)), m_count(uint32_t(m_objects.size())) {}
 
-    QJsonValue convert(plist_t node, unsigned depth) {
-        if (depth >= kMaxDepth) return QJsonValue(QJsonValue::Null);
-        // Follow a chain of UIDs to the node that it ends at. A chain longer than the
-        // table goes round in a loop.
-        plist_t target = node;
-        uint32_t steps = 0;
-        while (typeOf(target) == PLIST_UID) {
-            if (steps++ > m_count) return QJsonValue(QJsonValue::Null);
-            const uint32_t index = uint32_t(PlistUtils::getUidValue(target));
-            target = index < m_count ? plist_array_get_item(m_objects, index) : nullptr;
+    QJsonValue convert(plist_t root) {
+        QJsonValue value;
+        if (begin(root, &value)) return value;
+        while (!m_stack.empty()) {
+            plist_t child = nextChild(m_stack.back());
+            if (child) {
+                if (begin(child, &value)) deliver(value);
+                continue;
+            }
+            Frame& done = m_stack.back();
+            if (done.iter) std::free(done.iter);
+            value = done.isArray ? QJsonValue(done.array) : QJsonValue(done.object);
+            const plist_t reference = done.reference;
+            m_stack.pop_back();
+            if (reference) {
+                m_path.remove(reference);
+                m_done.insert(reference, value);
+            }
+            if (m_stack.empty()) return value;
+            deliver(value);
         }
-        if (target == node) return convertNode(node, depth);   // not a reference
-        if (!target) return QJsonValue(QJsonValue::Undefined); // dangling
-        const auto known = m_done.constFind(target);
-        if (known != m_done.constEnd()) return known.value();
-        if (m_path.contains(target)) return QJsonValue(QJsonValue::Null);
-        m_path.insert(target);
-        const QJsonValue value = convertNode(target, depth);
-        m_path.remove(target);
-        m_done.insert(target, value);
         return value;
     }
 
 private:
+    struct Frame {
+        plist_t node = nullptr;
+        plist_t reference = nullptr; // the object reached through a UID, remembered once done
+        bool isArray = false;
+        std::vector<plist_t> items; // of an array
+        size_t index = 0;
+        plist_dict_iter iter = nullptr;
+        QString key; // the key whose value is being converted
+        QJsonArray array;
+        QJsonObject object;
+    };
+
     static plist_type typeOf(plist_t node) { return node ? plist_get_node_type(node) : PLIST_NONE; }
 
-    QJsonValue convertNode(plist_t node, unsigned depth) {
-        switch (typeOf(node)) {
-        case PLIST_ARRAY: {
-            QJsonArray array;
-            const uint32_t size = plist_array_get_size(node);
-            for (uint32_t i = 0; i < size; ++i)
-                array.append(convert(plist_array_get_item(node, i), depth + 1));
-            return array;
+    // Starts the conversion of node: true with *value set when it is done at once (a scalar,
+    // a reference already converted, dangling or cyclic), false when a container was pushed.
+    bool begin(plist_t node, QJsonValue* value) {
+        // Follow a chain of UIDs to the node that it ends at. A chain longer than the table
+        // goes round in a loop.
+        plist_t target = node;
+        uint32_t steps = 0;
+        while (typeOf(target) == PLIST_UID) {
+            if (steps++ > m_count) return *value = QJsonValue(QJsonValue::Null), true;
+            const uint32_t index = uint32_t(PlistUtils::getUidValue(target));
+            target = index < m_count ? m_objects[index] : nullptr;
         }
-        case PLIST_DICT: {
-            QJsonObject object;
-            plist_dict_iter it = nullptr;
-            plist_dict_new_iter(node, &it);
-            if (!it) return object;
-            for (;;) {
-                char* key = nullptr;
-                plist_t value = nullptr;
-                plist_dict_next_item(node, it, &key, &value);
-                if (!key || !value) {
-                    std::free(key);
-                    break;
-                }
-                // Assigning an undefined value removes the key.
-                object[QString::fromUtf8(key)] = convert(value, depth + 1);
-                std::free(key);
-            }
-            std::free(it);
-            return object;
+        if (!target) return *value = QJsonValue(QJsonValue::Undefined), true; // dangling
+        const plist_t reference = target == node ? nullptr : target;
+        if (reference) {
+            const auto known = m_done.constFind(reference);
+            if (known != m_done.constEnd()) return *value = known.value(), true;
+            if (m_path.contains(reference)) return *value = QJsonValue(QJsonValue::Null), true;
         }
-        default: // scalars read exactly as in a plain property list
-            return PlistUtils::toJson(node);
+        const plist_type type = typeOf(target);
+        if (type != PLIST_ARRAY && type != PLIST_DICT) {
+            // Scalars read exactly as in a plain property list.
+            *value = PlistUtils::toJson(target);
+            if (reference) m_done.insert(reference, *value);
+            return true;
         }
+        if (reference) m_path.insert(reference);
+        Frame frame;
+        frame.node = target;
+        frame.reference = reference;
+        frame.isArray = type == PLIST_ARRAY;
+        if (frame.isArray)
+            frame.items = plistcompat::arrayItems(target);
+        else
+            plist_dict_new_iter(target, &frame.iter);
+        m_stack.push_back(std::move(frame));
+        return false;
     }
 
-    plist_t m_objects;
+    // The next child of a container, or null when it has none left.
+    static plist_t nextChild(Frame& frame) {
+        if (frame.isArray) return frame.index < frame.items.size() ? frame.items[frame.index++] : nullptr;
+        if (!frame.iter) return nullptr;
+        char* key = nullptr;
+        plist_t value = nullptr;
+        plist_dict_next_item(frame.node, frame.iter, &key, &value);
+        if (key && value) frame.key = QString::fromUtf8(key);
+        std::free(key);
+        return key && value ? value : nullptr;
+    }
+
+    void deliver(const QJsonValue& value) {
+        Frame& parent = m_stack.back();
+        if (parent.isArray)
+            parent.array.append(value); // undefined stands as null
+        else
+            parent.object[parent.key] = value; // assigning undefined removes the key
+    }
+
+    std::vector<plist_t> m_objects;
     uint32_t m_count;
     QHash<plist_t, QJsonValue> m_done;
     QSet<plist_t> m_path;
+    std::vector<Frame> m_stack;
 };
 
 } // namespace
@@ -124,7 +162,7 @@ const QJsonValue& NSKeyedArchiver::json() const {
 
 QJsonValue NSKeyedArchiver::parse(void* node, void* objects) {
     Resolver resolver(static_cast<plist_t>(objects));
-    return resolver.convert(static_cast<plist_t>(node), 0);
+    return resolver.convert(static_cast<plist_t>(node));
 }
 
 bool NSKeyedArchiver::loadBytes(const QByteArray& data, bool archive) {

@@ -259,9 +259,9 @@ void convertXmlUids(plist_t node, unsigned depth) {
     if (depth > kMaxDepth) return;
     const plist_type type = plist_get_node_type(node);
     if (type == PLIST_ARRAY) {
-        const uint32_t size = plist_array_get_size(node);
-        for (uint32_t i = 0; i < size; ++i) {
-            plist_t item = plist_array_get_item(node, i);
+        const std::vector<plist_t> items = arrayItems(node);
+        for (uint32_t i = 0; i < items.size(); ++i) {
+            plist_t item = items[i];
             if (plist_t uid = uidFromDictionary(item))
                 plist_array_set_item(node, uid, i);
             else
@@ -326,9 +326,7 @@ public:
                 object.marker = type == PLIST_ARRAY ? 0xA0 : 0xD0;
                 std::vector<plist_t> children;
                 if (type == PLIST_ARRAY) {
-                    const uint32_t size = plist_array_get_size(item.node);
-                    for (uint32_t i = 0; i < size; ++i)
-                        children.push_back(plist_array_get_item(item.node, i));
+                    children = arrayItems(item.node);
                 } else if (!collectDict(item.node, index, &children)) {
                     return false;
                 }
@@ -623,6 +621,23 @@ Error plist_to_bin(plist_t node, char** out, uint32_t* length) {
 void plist_mem_free(void* buffer) {
     // The installed release allocates serialised buffers with malloc.
     std::free(buffer);
+}
+
+std::vector<plist_t> arrayItems(plist_t array) {
+    std::vector<plist_t> items;
+    if (!array || plist_get_node_type(array) != PLIST_ARRAY) return items;
+    items.reserve(plist_array_get_size(array));
+    plist_array_iter it = nullptr;
+    plist_array_new_iter(array, &it);
+    if (!it) return items;
+    for (;;) {
+        plist_t item = nullptr;
+        plist_array_next_item(array, it, &item);
+        if (!item) break;
+        items.push_back(item);
+    }
+    std::free(it);
+    return items;
 }
 
 } // namespace plistcompat

@@ -8,6 +8,7 @@
 #include <plist/plist.h>
 
 #include <cstdint>
+#include <vector>
 
 namespace plistcompat {
 
@@ -36,5 +37,10 @@ Error plist_to_xml(plist_t node, char** out, uint32_t* length);
 // down with the square of the number of containers (and worse on repeated subtrees).
 Error plist_to_bin(plist_t node, char** out, uint32_t* length);
 void plist_mem_free(void* buffer);
+
+// The items of an array, in order. The installed release finds an item by index by walking
+// the list from its start, so reading a long array index by index takes quadratic time; this
+// walks it once with the array iterator.
+std::vector<plist_t> arrayItems(plist_t array);
 
 } // namespace plistcompat

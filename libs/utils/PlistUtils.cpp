@@ -72,9 +72,8 @@ QJsonValue toJsonAt(void* node) {
         return QJsonValue(QJsonValue::Null);
     case PLIST_ARRAY: {
         QJsonArray array;
-        const uint32_t size = plist_array_get_size(static_cast<plist_t>(node));
-        for (uint32_t i = 0; i < size; ++i)
-            array.append(toJsonAt(plist_array_get_item(static_cast<plist_t>(node), i)));
+        for (plist_t item : plistcompat::arrayItems(static_cast<plist_t>(node)))
+            array.append(toJsonAt(item));
         return array;
     }
     case PLIST_DICT: {
