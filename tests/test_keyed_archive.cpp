@@ -165,6 +165,16 @@ TEST(NSKeyedArchiver, HostileReferenceGraphsEnd) {
     for (uint64_t i = 0; i < depth; ++i)
         v = v.toObject().value("next");
     EXPECT_EQ(v, QJsonValue("bottom"));
+
+    // The tool prints such a result compact, without recursing once per level.
+    if (QString(UTILS_TOOL_PATH).isEmpty()) return;
+    QTemporaryDir dir;
+    QProcess tool;
+    tool.start(QString(UTILS_TOOL_PATH), {"archive", writeFile(dir, chainBytes)});
+    ASSERT_TRUE(tool.waitForFinished(60000));
+    EXPECT_EQ(tool.exitCode(), 0);
+    EXPECT_EQ(tool.readAllStandardOutput(), "{\"root\":" + QByteArray("{\"next\":").repeated(depth) +
+                                                "\"bottom\"" + QByteArray(depth + 1, '}') + "\n");
 }
 
 TEST(NSKeyedArchiver, InspectToolPrintsResolvedArchives) {

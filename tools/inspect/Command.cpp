@@ -8,10 +8,14 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <cstdio>
+#include <limits>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
 namespace inspect {
 
@@ -193,15 +197,94 @@ QString toText(const QVariant& value) {
     }
 }
 
-void printJson(const QJsonValue& value) {
-    QJsonDocument doc = value.isArray() ? QJsonDocument(value.toArray()) : QJsonDocument(value.toObject());
-    if (!value.isArray() && !value.isObject()) {
-        // A bare scalar: wrap it so that QJsonDocument can print it, then unwrap.
-        QByteArray text = QJsonDocument(QJsonArray{value}).toJson(QJsonDocument::Compact);
-        out(QString::fromUtf8(text.mid(1, text.size() - 2)));
-        return;
+JsonShape jsonShape(const QJsonValue& value, qint64 limit) {
+    JsonShape shape;
+    std::vector<std::pair<QJsonValue, int>> todo{{value, 0}};
+    while (!todo.empty() && shape.values <= limit) {
+        const auto [v, depth] = todo.back();
+        todo.pop_back();
+        ++shape.values;
+        if (!v.isArray() && !v.isObject()) continue;
+        shape.depth = std::max(shape.depth, depth + 1);
+        if (v.isArray()) {
+            for (const QJsonValue& item : v.toArray())
+                todo.emplace_back(item, depth + 1);
+        } else {
+            const QJsonObject object = v.toObject();
+            for (auto it = object.begin(); it != object.end(); ++it)
+                todo.emplace_back(it.value(), depth + 1);
+        }
     }
-    const QByteArray bytes = doc.toJson(QJsonDocument::Indented);
+    return shape;
+}
+
+namespace {
+
+QByteArray compactScalar(const QJsonValue& value) {
+    const QByteArray text = QJsonDocument(QJsonArray{value}).toJson(QJsonDocument::Compact);
+    return text.mid(1, text.size() - 2);
+}
+
+// Compact JSON, as QJsonDocument writes it, but with a stack of its own: Qt's writer recurses
+// once per level and a decoded archive can nest far deeper than a thread's stack allows.
+QByteArray compactJson(const QJsonValue& root) {
+    struct Frame {
+        QJsonArray array;
+        QJsonObject object;
+        QStringList keys;
+        bool isArray;
+        int next;
+    };
+    QByteArray text;
+    std::vector<Frame> stack;
+    auto open = [&](const QJsonValue& v) {
+        if (v.isArray()) {
+            text += '[';
+            stack.push_back({v.toArray(), {}, {}, true, 0});
+        } else if (v.isObject()) {
+            text += '{';
+            const QJsonObject object = v.toObject();
+            stack.push_back({{}, object, object.keys(), false, 0});
+        } else {
+            text += compactScalar(v);
+        }
+    };
+    open(root);
+    while (!stack.empty()) {
+        Frame& f = stack.back();
+        if (f.next >= (f.isArray ? f.array.size() : f.keys.size())) {
+            text += f.isArray ? ']' : '}';
+            stack.pop_back();
+            continue;
+        }
+        if (f.next > 0) text += ',';
+        const int i = f.next++;
+        if (f.isArray) {
+            open(f.array.at(i));
+        } else {
+            text += compactScalar(f.keys.at(i)) + ':';
+            open(f.object.value(f.keys.at(i)));
+        }
+    }
+    return text + '\n';
+}
+
+} // namespace
+
+void printJson(const QJsonValue& value) {
+    const int depth = jsonShape(value, std::numeric_limits<qint64>::max()).depth;
+    QByteArray bytes;
+    if (depth > 256) {
+        bytes = compactJson(value);
+    } else if (!value.isArray() && !value.isObject()) {
+        bytes = compactScalar(value) + '\n';
+    } else {
+        // Indentation grows with the depth, so deeply nested values are printed compact.
+        const auto format = depth > 32 ? QJsonDocument::Compact : QJsonDocument::Indented;
+        bytes = value.isArray() ? QJsonDocument(value.toArray()).toJson(format)
+                                : QJsonDocument(value.toObject()).toJson(format);
+        if (format == QJsonDocument::Compact) bytes += '\n';
+    }
     fwrite(bytes.constData(), 1, size_t(bytes.size()), stdout);
 }
 

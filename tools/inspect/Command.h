@@ -76,7 +76,16 @@ bool stderrIsTerminal();
 QJsonValue toJson(const QVariant& value);
 // Readable text rendering: blobs as x'hex' (cut after 64 bytes), text quoted.
 QString toText(const QVariant& value);
+// Deeply nested values are printed compact, by a writer that does not recurse.
 void printJson(const QJsonValue& value);
+
+// The count of values in a JSON value and its nesting depth, measured without recursion; the
+// walk stops once more than limit values were seen (values is then limit + 1).
+struct JsonShape {
+    qint64 values = 0;
+    int depth = 0;
+};
+JsonShape jsonShape(const QJsonValue& value, qint64 limit);
 
 // Set when the user pressed Ctrl-C; long scans check it (see installInterruptHandler).
 void installInterruptHandler(std::function<void()> onInterrupt);

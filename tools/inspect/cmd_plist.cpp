@@ -18,22 +18,8 @@ using namespace inspect;
 namespace {
 
 // An archive whose objects are shared many times over resolves into a tree far larger than
-// the file; printing it would not end in reasonable time. Counts values up to a limit.
+// the file; printing it would not end in reasonable time, so it is refused past this count.
 constexpr qint64 kMaxPrintedValues = 20 * 1000 * 1000;
-
-bool countValues(const QJsonValue& value, qint64* budget) {
-    if (--*budget < 0) return false;
-    if (value.isArray()) {
-        const QJsonArray array = value.toArray();
-        for (const QJsonValue& item : array)
-            if (!countValues(item, budget)) return false;
-    } else if (value.isObject()) {
-        const QJsonObject object = value.toObject();
-        for (auto it = object.begin(); it != object.end(); ++it)
-            if (!countValues(it.value(), budget)) return false;
-    }
-    return true;
-}
 
 int runPlist(const QStringList& argv) {
     Args args(argv, {}, {});
@@ -58,8 +44,7 @@ int runArchive(const QStringList& argv) {
     NSKeyedArchiver archive;
     const bool loaded = args.has("--root") ? archive.loadRootFromFile(path) : archive.loadFromFile(path);
     if (!loaded) return fail(QString("archive: %1: not a readable property list (binary or XML)").arg(path));
-    qint64 budget = kMaxPrintedValues;
-    if (!countValues(archive.json(), &budget))
+    if (jsonShape(archive.json(), kMaxPrintedValues).values > kMaxPrintedValues)
         return fail(QString("archive: %1: resolves to more than %2 values; refusing to print it")
                         .arg(path)
                         .arg(kMaxPrintedValues));
