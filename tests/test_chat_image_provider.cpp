@@ -1,9 +1,9 @@
 // The chat image provider with the placeholder pictures of examples/images.qrc, and the tool's
 // contact sheet of those pictures.
 #include "ChatImageProvider.h"
+#include "ToolRun.h"
 
 #include <QDir>
-#include <QProcess>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -54,21 +54,17 @@ TEST(ChatImageProvider, PrefixRulesAndRegisteredPictures) {
 }
 
 TEST(ChatImageProvider, ToolDrawsAContactSheet) {
-    const QString tool = UTILS_TOOL_PATH;
-    if (tool.isEmpty()) GTEST_SKIP() << "utils-inspect is not built";
+    if (!toolBuilt()) GTEST_SKIP() << "utils-inspect is not built";
     QTemporaryDir dir;
-    QProcess run;
-    auto exitCode = [&](const QStringList& args) {
-        run.start(tool, args);
-        return run.waitForFinished(60000) ? run.exitCode() : -1;
-    };
-    ASSERT_EQ(exitCode({"contact-sheet", dir.filePath("sheet.png")}), 0);
+    ASSERT_EQ(runTool({"contact-sheet", dir.filePath("sheet.png")}).code, 0);
     const QImage sheet(dir.filePath("sheet.png"));
     EXPECT_GE(sheet.width(), 6 * 128);
     EXPECT_GE(sheet.height(), 4 * 128);
-    EXPECT_EQ(exitCode({"contact-sheet", dir.filePath("sheet.png")}), 1); // exists, no --force
-    EXPECT_TRUE(run.readAllStandardError().contains("utils-inspect: "));
-    EXPECT_EQ(exitCode({"contact-sheet", dir.filePath("x.png"), "--columns", "0"}), 2);
-    EXPECT_EQ(exitCode({"placeholder", "document/r.pdf", "--json"}), 0);
-    EXPECT_TRUE(run.readAllStandardOutput().contains(":/images/qml_pdf.png"));
+    const ToolRun exists = runTool({"contact-sheet", dir.filePath("sheet.png")}); // no --force
+    EXPECT_EQ(exists.code, 1);
+    EXPECT_TRUE(exists.err.contains("utils-inspect: "));
+    EXPECT_EQ(runTool({"contact-sheet", dir.filePath("x.png"), "--columns", "0"}).code, 2);
+    const ToolRun placeholder = runTool({"placeholder", "document/r.pdf", "--json"});
+    EXPECT_EQ(placeholder.code, 0);
+    EXPECT_TRUE(placeholder.out.contains(":/images/qml_pdf.png"));
 }

@@ -1,6 +1,7 @@
 // Keyed-archive decoding: UID resolution, the object form of "$top", whole-list conversion,
 // undefined values, failures, hostile reference graphs, and the archive subcommand.
 #include "NSKeyedArchiver.h"
+#include "ToolRun.h"
 
 #include <gtest/gtest.h>
 #include <plist/plist.h>
@@ -9,7 +10,6 @@
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QProcess>
 #include <QTemporaryDir>
 #include <QThread>
 
@@ -167,26 +167,22 @@ TEST(NSKeyedArchiver, HostileReferenceGraphsEnd) {
     EXPECT_EQ(v, QJsonValue("bottom"));
 
     // The tool prints such a result compact, without recursing once per level.
-    if (QString(UTILS_TOOL_PATH).isEmpty()) return;
+    if (!toolBuilt()) return;
     QTemporaryDir dir;
-    QProcess tool;
-    tool.start(QString(UTILS_TOOL_PATH), {"archive", writeFile(dir, chainBytes)});
-    ASSERT_TRUE(tool.waitForFinished(60000));
-    EXPECT_EQ(tool.exitCode(), 0);
-    EXPECT_EQ(tool.readAllStandardOutput(), "{\"root\":" + QByteArray("{\"next\":").repeated(depth) +
-                                                "\"bottom\"" + QByteArray(depth + 1, '}') + "\n");
+    const ToolRun printed = runTool({"archive", writeFile(dir, chainBytes)});
+    EXPECT_EQ(printed.code, 0);
+    EXPECT_EQ(printed.out, "{\"root\":" + QByteArray("{\"next\":").repeated(depth) + "\"bottom\"" +
+                               QByteArray(depth + 1, '}') + "\n");
 }
 
 TEST(NSKeyedArchiver, InspectToolPrintsResolvedArchives) {
-    if (QString(UTILS_TOOL_PATH).isEmpty()) GTEST_SKIP() << "utils-inspect not built";
+    if (!toolBuilt()) GTEST_SKIP() << "utils-inspect not built";
     QTemporaryDir dir;
     const QString file = writeFile(dir, serialise(stringArchive()));
     auto run = [](const QStringList& args, int code) {
-        QProcess tool;
-        tool.start(QString(UTILS_TOOL_PATH), args);
-        EXPECT_TRUE(tool.waitForFinished(60000));
-        EXPECT_EQ(tool.exitCode(), code) << tool.readAllStandardError().toStdString();
-        return QJsonDocument::fromJson(tool.readAllStandardOutput()).object();
+        const ToolRun r = runTool(args);
+        EXPECT_EQ(r.code, code) << r.err.toStdString();
+        return QJsonDocument::fromJson(r.out).object();
     };
     EXPECT_EQ(run({"archive", file}, 0), kStringJson);
     const QJsonObject whole = run({"archive", "--root", file}, 0);

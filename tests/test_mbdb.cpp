@@ -1,6 +1,7 @@
 // Legacy backup index: header checks, every record field, empty markers, derived fields,
 // truncated input and the mbdb subcommand, on hand-built index files.
 #include "MbdbUtil.h"
+#include "ToolRun.h"
 
 #include <gtest/gtest.h>
 #include <openssl/sha.h>
@@ -9,7 +10,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
 #include <QTemporaryDir>
 
 #include <initializer_list>
@@ -161,16 +161,14 @@ TEST_F(Mbdb, TruncatedRecordsComeBackWithZeros) {
 }
 
 TEST_F(Mbdb, InspectToolListsRecords) {
-    if (QString(UTILS_TOOL_PATH).isEmpty()) GTEST_SKIP() << "utils-inspect not built";
+    if (!toolBuilt()) GTEST_SKIP() << "utils-inspect not built";
     Writer w;
     w.fields({"HomeDomain", "Library/Preferences/x.plist", kEmpty, kEmpty, kEmpty}).fixed(0100644, 123, 1);
     const QString path = write(w.fields({"k", "v"}).bytes);
     auto run = [](const QStringList& args, int code) {
-        QProcess tool;
-        tool.start(QString(UTILS_TOOL_PATH), args);
-        EXPECT_TRUE(tool.waitForFinished(60000));
-        EXPECT_EQ(tool.exitCode(), code);
-        return tool.readAllStandardOutput();
+        const ToolRun r = runTool(args);
+        EXPECT_EQ(r.code, code);
+        return r.out;
     };
     EXPECT_TRUE(run({"mbdb", path}, 0).startsWith("1716f8954804ed65ce49136002f8ece136feea57\t100644\t123\t"));
     const QJsonObject record =

@@ -1,11 +1,11 @@
 // Media durations (SILK voice notes by their frames, other media by the container) and utils-inspect.
 #include "OSUtils.h"
+#include "ToolRun.h"
 
 #include <gtest/gtest.h>
 
 #include <QCoreApplication>
 #include <QFile>
-#include <QProcess>
 #include <QTemporaryDir>
 
 namespace {
@@ -39,14 +39,10 @@ QByteArray wav(quint32 rate, quint32 samples) {
 }
 
 QByteArray g_stdout;
-int runTool(const QStringList& args, const QByteArray& input = QByteArray()) {
-    QProcess process;
-    process.start(UTILS_TOOL_PATH, args);
-    process.write(input);
-    process.closeWriteChannel();
-    process.waitForFinished(30000);
-    g_stdout = process.readAllStandardOutput();
-    return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+int run(const QStringList& args, const QByteArray& input = QByteArray()) {
+    const ToolRun r = runTool(args, input);
+    g_stdout = r.out;
+    return r.code;
 }
 } // namespace
 
@@ -96,24 +92,24 @@ TEST(MediaDuration, SilkByNameContainerRoundingAndFailures) {
 TEST(ToolMedia, DurationGzipAndAes) {
     if (QString(UTILS_TOOL_PATH).isEmpty()) GTEST_SKIP() << "utils-inspect is not built";
     QTemporaryDir dir;
-    EXPECT_EQ(runTool({"duration", writeFile(dir, "blob", silk(152, true)), "--name", "voice.slk"}), 0);
+    EXPECT_EQ(run({"duration", writeFile(dir, "blob", silk(152, true)), "--name", "voice.slk"}), 0);
     EXPECT_EQ(g_stdout, "00:00:03\n");
-    EXPECT_EQ(runTool({"duration", dir.filePath("none.wav")}), 1);
-    EXPECT_EQ(runTool({"duration", writeFile(dir, "bad.slk", "not silk")}), 1);
+    EXPECT_EQ(run({"duration", dir.filePath("none.wav")}), 1);
+    EXPECT_EQ(run({"duration", writeFile(dir, "bad.slk", "not silk")}), 1);
 
     const QByteArray text = QByteArray("forensic ").repeated(5000);
-    ASSERT_EQ(runTool({"gzip"}, text), 0);
+    ASSERT_EQ(run({"gzip"}, text), 0);
     const QString gz = writeFile(dir, "t.gz", g_stdout);
-    EXPECT_EQ(runTool({"gunzip", gz}), 0);
+    EXPECT_EQ(run({"gunzip", gz}), 0);
     EXPECT_EQ(g_stdout, text);
-    EXPECT_EQ(runTool({"gunzip", gz, gz}), 1); // never writes over its input
+    EXPECT_EQ(run({"gunzip", gz, gz}), 1); // never writes over its input
 
     const QStringList keys = {"--key", "000102030405060708090a0b0c0d0e0f", "--iv",
                               "0f0e0d0c0b0a09080706050403020100"};
-    ASSERT_EQ(runTool(QStringList{"aes", "encrypt"} + keys, "secret"), 0);
-    EXPECT_EQ(runTool(QStringList{"aes", "decrypt"} + keys, g_stdout), 0);
+    ASSERT_EQ(run(QStringList{"aes", "encrypt"} + keys, "secret"), 0);
+    EXPECT_EQ(run(QStringList{"aes", "decrypt"} + keys, g_stdout), 0);
     EXPECT_EQ(g_stdout, "secret");
-    EXPECT_EQ(runTool({"aes", "encrypt", "--key", "abcd", "--iv", keys[3]}, "x"), 2);
+    EXPECT_EQ(run({"aes", "encrypt", "--key", "abcd", "--iv", keys[3]}, "x"), 2);
 }
 
 int main(int argc, char** argv) {

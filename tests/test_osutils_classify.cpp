@@ -1,7 +1,7 @@
 #include "OSUtils.h"
+#include "ToolRun.h"
 
 #include <QFile>
-#include <QProcess>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -75,19 +75,16 @@ TEST(Classify, HeaderSniffIsTextSearch) {
 
 // The classify, phone and timestamp subcommands of utils-inspect.
 TEST(Classify, InspectTool) {
-    const QString tool = UTILS_TOOL_PATH;
-    if (tool.isEmpty()) GTEST_SKIP() << "utils-inspect is not built";
+    if (!toolBuilt()) GTEST_SKIP() << "utils-inspect is not built";
     QTemporaryDir dir;
     ASSERT_TRUE(dir.isValid());
     const QString gif = writeFile(dir, "x.gif", "GIF89a");
     qputenv("TZ", "CST-8"); // inherited by the tool
     const auto run = [&](const QStringList& args, int code) {
-        QProcess p;
-        p.start(tool, args);
-        EXPECT_TRUE(p.waitForFinished(30000));
-        EXPECT_EQ(p.exitCode(), code) << qPrintable(args.join(' '));
-        EXPECT_EQ(p.readAllStandardError().count('\n'), code == 0 ? 0 : 1); // one line per failure
-        return QString::fromUtf8(p.readAllStandardOutput());
+        const ToolRun r = runTool(args);
+        EXPECT_EQ(r.code, code) << qPrintable(args.join(' '));
+        EXPECT_EQ(r.err.count('\n'), code == 0 ? 0 : 1); // one line per failure
+        return QString::fromUtf8(r.out);
     };
     const QString text = run({"classify", gif, writeFile(dir, "v.AMR", "#!AMR\n")}, 0);
     EXPECT_TRUE(text.contains("x.gif: picture (type 0), SILK candidate: no, picture header: yes"));

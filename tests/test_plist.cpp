@@ -1,6 +1,7 @@
 // Property-list utilities: both formats, typed access, JSON conversion, iteration, the parser
 // guards against hostile binary lists, the binary writer and the plist subcommand.
 #include "PlistUtils.h"
+#include "ToolRun.h"
 
 #include <gtest/gtest.h>
 #include <plist/plist.h>
@@ -10,7 +11,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
 #include <QTemporaryDir>
 #include <QtEndian>
 
@@ -289,21 +289,18 @@ TEST(PlistUtils, BinaryWriterEncodingsAndSpeed) {
 }
 
 TEST(PlistUtils, InspectToolPrintsListsAsJson) {
-    if (QString(UTILS_TOOL_PATH).isEmpty()) GTEST_SKIP() << "utils-inspect not built";
+    if (!toolBuilt()) GTEST_SKIP() << "utils-inspect not built";
     QTemporaryDir dir;
     Tree sample = makeSample();
     ASSERT_TRUE(P::saveToXml(dir.filePath("s.xml"), sample.get()));
     writeFile(dir.filePath("cut.xml"), "<plist><dict><key>a</key>");
     for (const QString& name : QStringList{"s.xml", "cut.xml", "missing", ""}) {
-        QProcess tool;
-        tool.start(QString(UTILS_TOOL_PATH),
-                   name.isEmpty() ? QStringList{"plist"} : QStringList{"plist", dir.filePath(name)});
-        ASSERT_TRUE(tool.waitForFinished(60000));
-        const QByteArray out = tool.readAllStandardOutput(), err = tool.readAllStandardError();
-        EXPECT_EQ(tool.exitCode(), name == "s.xml" ? 0 : name.isEmpty() ? 2 : 1) << name.toStdString();
+        const ToolRun r =
+            runTool(name.isEmpty() ? QStringList{"plist"} : QStringList{"plist", dir.filePath(name)});
+        EXPECT_EQ(r.code, name == "s.xml" ? 0 : name.isEmpty() ? 2 : 1) << name.toStdString();
         if (name == "s.xml")
-            EXPECT_EQ(QJsonDocument::fromJson(out).object().value("text"), QJsonValue("grüße"));
+            EXPECT_EQ(QJsonDocument::fromJson(r.out).object().value("text"), QJsonValue("grüße"));
         else
-            EXPECT_EQ(err.count('\n'), 1) << err.toStdString();
+            EXPECT_EQ(r.err.count('\n'), 1) << r.err.toStdString();
     }
 }

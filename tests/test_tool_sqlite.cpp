@@ -1,40 +1,27 @@
 // utils-inspect's SQLite subcommands on the bundled sample and on bad input.
 #include "SqliteFixtures.h"
+#include "ToolRun.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
 #include <QTemporaryDir>
 
 namespace {
-
-struct ToolRun {
-    int code = -1;
-    QString out, err;
-};
-
-ToolRun tool(const QStringList& args) {
-    QProcess p;
-    p.start(QString(UTILS_TOOL_PATH), args);
-    p.waitForFinished(60000);
-    return {p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1,
-            QString::fromUtf8(p.readAllStandardOutput()), QString::fromUtf8(p.readAllStandardError())};
-}
 
 const QString kSample = QString(UTILS_SOURCE_DIR) + "/examples/chat.db";
 
 } // namespace
 
 TEST(ToolSqlite, TablesRowsAndRecoveryOnTheSample) {
-    const ToolRun tables = tool({"tables", kSample});
+    const ToolRun tables = runTool({"tables", kSample});
     ASSERT_EQ(tables.code, 0) << tables.err.toStdString();
     EXPECT_TRUE(tables.out.contains("columns: id, chat_id, sender, body, sent_at, is_from_me"));
     EXPECT_TRUE(tables.out.contains("contact  root 2"));
 
-    const ToolRun rows = tool({"rows", kSample, "message", "--json"});
+    const ToolRun rows = runTool({"rows", kSample, "message", "--json"});
     ASSERT_EQ(rows.code, 0);
-    const QJsonArray records = QJsonDocument::fromJson(rows.out.toUtf8()).array();
+    const QJsonArray records = QJsonDocument::fromJson(rows.out).array();
     ASSERT_EQ(records.size(), 98);
     const QJsonArray first = records.first().toArray();
     EXPECT_EQ(first.size(), 7);
@@ -44,10 +31,10 @@ TEST(ToolSqlite, TablesRowsAndRecoveryOnTheSample) {
     EXPECT_TRUE(first.at(5).isDouble());
 
     const ToolRun recovered =
-        tool({"recover", kSample, "message", "iissii", "--with-header", "--free-list", "--json"});
+        runTool({"recover", kSample, "message", "iissii", "--with-header", "--free-list", "--json"});
     ASSERT_EQ(recovered.code, 0);
     bool accountNumber = false, fromFreePage = false;
-    for (const QJsonValue& v : QJsonDocument::fromJson(recovered.out.toUtf8()).array()) {
+    for (const QJsonValue& v : QJsonDocument::fromJson(recovered.out).array()) {
         const QJsonObject o = v.toObject();
         const QJsonArray values = o.value("values").toArray();
         if (values.at(4).toString().contains("GB29 NWBK")) accountNumber = values.at(0).toInt() == 25;
@@ -58,7 +45,7 @@ TEST(ToolSqlite, TablesRowsAndRecoveryOnTheSample) {
     EXPECT_TRUE(accountNumber);
     EXPECT_TRUE(fromFreePage);
 
-    const ToolRun contact = tool({"recover", kSample, "contact", "sss"});
+    const ToolRun contact = runTool({"recover", kSample, "contact", "sss"});
     EXPECT_EQ(contact.code, 0);
     EXPECT_TRUE(contact.out.contains("\"Oskar Lind\" | \"+46 70 123 45 67\""));
 }
@@ -71,13 +58,13 @@ TEST(ToolSqlite, BlobsAsBase64AndFreeList) {
         db.exec("PRAGMA secure_delete=OFF; CREATE TABLE b(x BLOB, r REAL); INSERT INTO b VALUES (x'00ff10', "
                 "2.5);");
     }
-    const ToolRun rows = tool({"rows", path, "b", "--json"});
+    const ToolRun rows = runTool({"rows", path, "b", "--json"});
     ASSERT_EQ(rows.code, 0);
-    const QJsonArray rec = QJsonDocument::fromJson(rows.out.toUtf8()).array().first().toArray();
+    const QJsonArray rec = QJsonDocument::fromJson(rows.out).array().first().toArray();
     EXPECT_EQ(rec.at(1).toString(), QString("AP8Q"));
     EXPECT_EQ(rec.at(2).toDouble(), 2.5);
-    EXPECT_TRUE(tool({"rows", path, "b"}).out.contains("x'00ff10' | 2.5"));
-    const ToolRun freeList = tool({"freelist", path, "bf"});
+    EXPECT_TRUE(runTool({"rows", path, "b"}).out.contains("x'00ff10' | 2.5"));
+    const ToolRun freeList = runTool({"freelist", path, "bf"});
     EXPECT_EQ(freeList.code, 0);
     EXPECT_TRUE(freeList.out.startsWith("free-list pages: []"));
 }
@@ -101,13 +88,13 @@ TEST(ToolSqlite, BadInputGivesOneLineAndNonZeroExit) {
         {{"frobnicate"}, 2, "unknown command"},
     };
     for (const Case& c : cases) {
-        const ToolRun r = tool(c.args);
+        const ToolRun r = runTool(c.args);
         EXPECT_EQ(r.code, c.code) << c.args.join(' ').toStdString();
-        EXPECT_TRUE(r.err.contains(c.message)) << r.err.toStdString();
+        EXPECT_TRUE(r.err.contains(c.message.toUtf8())) << r.err.toStdString();
         EXPECT_EQ(r.err.count('\n'), 1) << r.err.toStdString();
         EXPECT_TRUE(r.out.isEmpty());
     }
-    const ToolRun help = tool({"recover", "--help"});
+    const ToolRun help = runTool({"recover", "--help"});
     EXPECT_EQ(help.code, 0);
     EXPECT_TRUE(help.out.startsWith("usage: utils-inspect recover DB TABLE PATTERN"));
 }

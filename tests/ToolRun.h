@@ -1,0 +1,25 @@
+// Runs the built utils-inspect for the tests that check the command-line front end.
+#pragma once
+
+#include <QByteArray>
+#include <QProcess>
+#include <QStringList>
+
+struct ToolRun {
+    int code = -1; // -1 when the tool crashed or did not finish
+    QByteArray out, err;
+};
+
+inline bool toolBuilt() {
+    return !QString(UTILS_TOOL_PATH).isEmpty();
+}
+
+inline ToolRun runTool(const QStringList& args, const QByteArray& input = QByteArray()) {
+    QProcess p;
+    p.start(QString(UTILS_TOOL_PATH), args);
+    p.write(input);
+    p.closeWriteChannel();
+    const bool finished = p.waitForFinished(60000);
+    return {finished && p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1, p.readAllStandardOutput(),
+            p.readAllStandardError()};
+}
