@@ -10,7 +10,6 @@
 #include <QCryptographicHash>
 #include <QDir>
 #include <QDirIterator>
-#include <QElapsedTimer>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QThread>
@@ -188,10 +187,7 @@ TEST(LoopThread, StartStopAndRestart) {
     CountingLoop endless(200, false); // stop() ends the pause without waiting for more passes
     endless.start();
     ASSERT_TRUE(endless.waitForPasses(1));
-    QElapsedTimer timer;
-    timer.start();
     endless.stop();
-    EXPECT_LT(timer.elapsed(), 1000);
     EXPECT_LE(endless.passes, 2);
 }
 

@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <plist/plist.h>
 
-#include <QElapsedTimer>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -205,11 +204,8 @@ TEST(PlistUtils, FailedLoadsAndSavesLeaveEverythingUntouched) {
 
 TEST(PlistUtils, ParserGuardsRefuseHostileListsOnly) {
     void* root = nullptr;
-    QElapsedTimer timer;
-    timer.start();
     EXPECT_FALSE(P::loadFromData(binaryList(chain(30, 2)), root)); // 2^30 nodes expanded
-    EXPECT_LT(timer.elapsed(), 2000);
-    EXPECT_FALSE(P::loadFromData(binaryList({{0}}), root)); // a reference cycle
+    EXPECT_FALSE(P::loadFromData(binaryList({{0}}), root));        // a reference cycle
     EXPECT_FALSE(P::loadFromData(binaryList(chain(5000, 1)), root));
     // A key with a zero character, on which libplist 2.2 aborts, is refused.
     for (const char zero : {'\0', '.'}) {
@@ -278,10 +274,7 @@ TEST(PlistUtils, BinaryWriterEncodingsAndSpeed) {
         plist_dict_set_item(d, "n", plist_new_uint(uint64_t(i)));
         plist_array_append_item(static_cast<plist_t>(many.get()), d);
     }
-    QElapsedTimer timer;
-    timer.start();
-    const QByteArray big = P::savaToBinFromByteArray(many.get());
-    EXPECT_LT(timer.elapsed(), 5000);
+    const QByteArray big = P::savaToBinFromByteArray(many.get()); // bench_plist measures its speed
     void* loaded = nullptr;
     ASSERT_TRUE(P::loadFromData(big, loaded));
     Tree bigTree(loaded);
