@@ -1,6 +1,5 @@
 #include "SQliteDbUtil.h"
 
-#include <QBuffer>
 #include <QRegExp>
 #include <QSet>
 #include <QTextCodec>
