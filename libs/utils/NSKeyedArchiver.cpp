@@ -8,7 +8,6 @@
 #include <QJsonArray>
 #include <QSet>
 
-#include <cstdlib>
 #include <vector>
 
 namespace {
@@ -33,7 +32,6 @@ public:
                 continue;
             }
             Frame& done = m_stack.back();
-            if (done.iter) std::free(done.iter);
             value = done.isArray ? QJsonValue(done.array) : QJsonValue(done.object);
             const plist_t reference = done.reference;
             m_stack.pop_back();
@@ -49,12 +47,11 @@ public:
 
 private:
     struct Frame {
-        plist_t node = nullptr;
         plist_t reference = nullptr; // the object reached through a UID, remembered once done
         bool isArray = false;
-        std::vector<plist_t> items; // of an array
+        std::vector<plist_t> items;                           // of an array
+        std::vector<std::pair<std::string, plist_t>> entries; // of a dictionary
         size_t index = 0;
-        plist_dict_iter iter = nullptr;
         QString key; // the key whose value is being converted
         QJsonArray array;
         QJsonObject object;
@@ -90,13 +87,12 @@ private:
         }
         if (reference) m_path.insert(reference);
         Frame frame;
-        frame.node = target;
         frame.reference = reference;
         frame.isArray = type == PLIST_ARRAY;
         if (frame.isArray)
             frame.items = plistcompat::arrayItems(target);
         else
-            plist_dict_new_iter(target, &frame.iter);
+            frame.entries = plistcompat::dictItems(target);
         m_stack.push_back(std::move(frame));
         return false;
     }
@@ -104,13 +100,10 @@ private:
     // The next child of a container, or null when it has none left.
     static plist_t nextChild(Frame& frame) {
         if (frame.isArray) return frame.index < frame.items.size() ? frame.items[frame.index++] : nullptr;
-        if (!frame.iter) return nullptr;
-        char* key = nullptr;
-        plist_t value = nullptr;
-        plist_dict_next_item(frame.node, frame.iter, &key, &value);
-        if (key && value) frame.key = QString::fromUtf8(key);
-        std::free(key);
-        return key && value ? value : nullptr;
+        if (frame.index >= frame.entries.size()) return nullptr;
+        const auto& [key, value] = frame.entries[frame.index++];
+        frame.key = QString::fromUtf8(key.c_str());
+        return value;
     }
 
     void deliver(const QJsonValue& value) {

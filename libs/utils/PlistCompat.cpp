@@ -268,30 +268,12 @@ void convertXmlUids(plist_t node, unsigned depth) {
                 convertXmlUids(item, depth + 1);
         }
     } else if (type == PLIST_DICT) {
-        // Replacing entries while iterating is not safe: collect first, then replace.
-        std::vector<std::pair<char*, plist_t>> replace;
-        plist_dict_iter it = nullptr;
-        plist_dict_new_iter(node, &it);
-        if (!it) return;
-        for (;;) {
-            char* key = nullptr;
-            plist_t value = nullptr;
-            plist_dict_next_item(node, it, &key, &value);
-            if (!key || !value) {
-                std::free(key);
-                break;
-            }
-            if (plist_t uid = uidFromDictionary(value)) {
-                replace.emplace_back(key, uid);
-            } else {
+        // The entries are collected before any is replaced: replacing while iterating is not safe.
+        for (const auto& [key, value] : dictItems(node)) {
+            if (plist_t uid = uidFromDictionary(value))
+                plist_dict_set_item(node, key.c_str(), uid);
+            else
                 convertXmlUids(value, depth + 1);
-                std::free(key);
-            }
-        }
-        std::free(it);
-        for (auto& entry : replace) {
-            plist_dict_set_item(node, entry.first, entry.second);
-            std::free(entry.first);
         }
     }
 }
@@ -357,25 +339,13 @@ private:
     };
 
     bool collectDict(plist_t node, size_t index, std::vector<plist_t>* values) {
-        plist_dict_iter it = nullptr;
-        plist_dict_new_iter(node, &it);
-        if (!it) return false;
         std::vector<size_t> keys;
-        for (;;) {
-            char* key = nullptr;
-            plist_t value = nullptr;
-            plist_dict_next_item(node, it, &key, &value);
-            if (!key || !value) {
-                std::free(key);
-                break;
-            }
+        for (const auto& [key, value] : dictItems(node)) {
             std::string bytes;
-            encodeText(key, std::strlen(key), &bytes);
-            std::free(key);
+            encodeText(key.c_str(), key.size(), &bytes);
             keys.push_back(leafIndex(bytes));
             values->push_back(value);
         }
-        std::free(it);
         m_objects[index].refs = std::move(keys);
         return true;
     }
@@ -635,6 +605,24 @@ std::vector<plist_t> arrayItems(plist_t array) {
         plist_array_next_item(array, it, &item);
         if (!item) break;
         items.push_back(item);
+    }
+    std::free(it);
+    return items;
+}
+
+std::vector<std::pair<std::string, plist_t>> dictItems(plist_t dict) {
+    std::vector<std::pair<std::string, plist_t>> items;
+    if (!dict || plist_get_node_type(dict) != PLIST_DICT) return items;
+    plist_dict_iter it = nullptr;
+    plist_dict_new_iter(dict, &it);
+    if (!it) return items;
+    for (;;) {
+        char* key = nullptr;
+        plist_t value = nullptr;
+        plist_dict_next_item(dict, it, &key, &value);
+        if (key && value) items.emplace_back(key, value);
+        std::free(key);
+        if (!key || !value) break;
     }
     std::free(it);
     return items;

@@ -8,6 +8,8 @@
 #include <plist/plist.h>
 
 #include <cstdint>
+#include <string>
+#include <utility>
 #include <vector>
 
 namespace plistcompat {
@@ -42,5 +44,7 @@ void plist_mem_free(void* buffer);
 // the list from its start, so reading a long array index by index takes quadratic time; this
 // walks it once with the array iterator.
 std::vector<plist_t> arrayItems(plist_t array);
+// The keys and values of a dictionary, in its order; the keys are copied, the values borrowed.
+std::vector<std::pair<std::string, plist_t>> dictItems(plist_t dict);
 
 } // namespace plistcompat

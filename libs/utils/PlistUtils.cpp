@@ -78,21 +78,8 @@ QJsonValue toJsonAt(void* node) {
     }
     case PLIST_DICT: {
         QJsonObject object;
-        plist_dict_iter it = nullptr;
-        plist_dict_new_iter(static_cast<plist_t>(node), &it);
-        if (!it) return object;
-        for (;;) {
-            char* key = nullptr;
-            plist_t value = nullptr;
-            plist_dict_next_item(static_cast<plist_t>(node), it, &key, &value);
-            if (!key || !value) {
-                std::free(key);
-                break;
-            }
-            object.insert(QString::fromUtf8(key), toJsonAt(value));
-            std::free(key);
-        }
-        std::free(it);
+        for (const auto& [key, value] : plistcompat::dictItems(static_cast<plist_t>(node)))
+            object.insert(QString::fromUtf8(key.c_str()), toJsonAt(value));
         return object;
     }
     default:
