@@ -2,6 +2,8 @@
 // folder, and byte patches at page offsets.
 #pragma once
 
+#include "TestSupport.h"
+
 #include <QByteArray>
 #include <QFile>
 #include <QString>
@@ -56,17 +58,6 @@ private:
     QString m_path;
     sqlite3* m_db = nullptr;
 };
-
-inline QByteArray readFile(const QString& path) {
-    QFile f(path);
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
-}
-
-inline void writeFile(const QString& path, const QByteArray& bytes) {
-    QFile f(path);
-    ASSERT_TRUE(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    f.write(bytes);
-}
 
 // Overwrites bytes at offset within page (1-based) of the file.
 inline void patch(const QString& path, int pageSize, int page, int offset, const QByteArray& bytes) {

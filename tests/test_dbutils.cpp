@@ -1,4 +1,5 @@
 #include "DbUtils.h"
+#include "TestSupport.h"
 
 #include <QCoreApplication>
 #include <QSqlQuery>
@@ -10,10 +11,6 @@
 #include <thread>
 
 namespace {
-QStringList g_log;
-void capture(QtMsgType, const QMessageLogContext&, const QString& message) {
-    g_log << message;
-}
 
 // A manifest database with one row (and an extra column the writes must leave alone).
 QString makeManifest(const QTemporaryDir& dir, const QString& kind) {
@@ -54,7 +51,7 @@ TEST(DbUtils, ConnectionPerKindThreadAndFile) {
 TEST(DbUtils, ManifestBlobsAndLoggedFailures) {
     QTemporaryDir dir;
     QSqlDatabase db = DbUtils::dataBase("RW", makeManifest(dir, "RW"));
-    g_log.clear();
+    LogCapture log;
     EXPECT_EQ(DbUtils::readManifestBlobData(db, "abc"), QByteArray("\x01\x02"));
     EXPECT_TRUE(DbUtils::readManifestBlobData(db, "nope").isEmpty());
     EXPECT_TRUE(DbUtils::writeManifestBlobData(db, "abc", "new"));
@@ -62,7 +59,7 @@ TEST(DbUtils, ManifestBlobsAndLoggedFailures) {
     EXPECT_EQ(DbUtils::readManifestBlobData(db, "abc"), QByteArray("new"));
     EXPECT_EQ(DbUtils::readManifestBlobData(db, "def"), QByteArray("\0x", 2));
     EXPECT_EQ(DbUtils::rowCount(db, "SELECT COUNT(*) FROM Files WHERE domain = 'HomeDomain'"), 1);
-    EXPECT_EQ(g_log, QStringList{"don't fileID data"});
+    EXPECT_EQ(log.messages(), QStringList{"don't fileID data"});
 
     // A trigger that refuses inserts makes the write fail after the check succeeded.
     QSqlQuery(db).exec("CREATE TRIGGER deny BEFORE INSERT ON Files BEGIN SELECT RAISE(ABORT, 'denied'); END");
@@ -71,23 +68,22 @@ TEST(DbUtils, ManifestBlobsAndLoggedFailures) {
     QSqlQuery(db).exec("DROP TABLE Files");
     EXPECT_TRUE(DbUtils::readManifestBlobData(db, "abc").isEmpty());
     EXPECT_FALSE(DbUtils::writeManifestBlobData(db, "abc", "x"));
-    ASSERT_EQ(g_log.size(), 4);
-    EXPECT_TRUE(g_log[1].startsWith("写入数据失败: \"") && g_log[1].contains("denied"));
-    EXPECT_TRUE(g_log[2].startsWith("query error: \""));
-    EXPECT_TRUE(g_log[3].startsWith("检查fileID失败: \""));
+    ASSERT_EQ(log.messages().size(), 4);
+    EXPECT_TRUE(log.messages()[1].startsWith("写入数据失败: \"") && log.messages()[1].contains("denied"));
+    EXPECT_TRUE(log.messages()[2].startsWith("query error: \""));
+    EXPECT_TRUE(log.messages()[3].startsWith("检查fileID失败: \""));
 
     db.close();
-    g_log.clear();
+    log.clear();
     EXPECT_TRUE(DbUtils::readManifestBlobData(db, "abc").isEmpty());
     EXPECT_FALSE(DbUtils::writeManifestBlobData(db, "abc", "x"));
     EXPECT_EQ(DbUtils::rowCount(db, "SELECT 1"), 0); // silently
-    EXPECT_EQ(g_log, (QStringList{"readManifestBlobData:database is close!",
-                                  "writeManifestBlobData: 数据库未开启!"}));
+    EXPECT_EQ(log.messages(), (QStringList{"readManifestBlobData:database is close!",
+                                           "writeManifestBlobData: 数据库未开启!"}));
 }
 
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
-    qInstallMessageHandler(capture);
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }

@@ -2,6 +2,7 @@
 #include "JsonHelper.h"
 #include "OSUtils.h"
 #include "StringUtil.h"
+#include "TestSupport.h"
 
 #include <QDateTime>
 #include <QRegularExpression>
@@ -11,10 +12,6 @@
 #include <ctime>
 
 namespace {
-QStringList g_logged;
-void capture(QtMsgType, const QMessageLogContext&, const QString& message) {
-    g_logged << message;
-}
 
 void setZone(const char* zone) {
     qputenv("TZ", zone);
@@ -60,15 +57,13 @@ TEST(Formatting, CurrentTime) {
     EXPECT_TRUE(defaultForm.match(DateUtils::currentDateTime()).hasMatch());
     EXPECT_EQ(DateUtils::currentDateTime("yyyy").toInt(), QDate::currentDate().year());
 
-    g_logged.clear();
-    const QtMessageHandler previous = qInstallMessageHandler(capture);
+    LogCapture log;
     const qint64 before = QDateTime::currentMSecsSinceEpoch();
     const qint32 low = DateUtils::currentDateTimeUnix_32();
     const qint64 after = QDateTime::currentMSecsSinceEpoch();
-    qInstallMessageHandler(previous);
-    ASSERT_EQ(g_logged.size(), 1);
-    ASSERT_TRUE(g_logged.first().startsWith("Current Unix Timestamp (ms): "));
-    const qint64 logged = g_logged.first().section(' ', 4).toLongLong();
+    ASSERT_EQ(log.messages().size(), 1);
+    ASSERT_TRUE(log.messages().first().startsWith("Current Unix Timestamp (ms): "));
+    const qint64 logged = log.messages().first().section(' ', 4).toLongLong();
     EXPECT_TRUE(logged >= before && logged <= after);
     EXPECT_EQ(quint32(low), quint32(quint64(logged) & 0xffffffffu));
 }
@@ -81,16 +76,14 @@ TEST(Formatting, StringsAndJson) {
     EXPECT_EQ(StringUtil::fromCString(std::string("ab\0cd", 5)), "ab");
     EXPECT_EQ(StringUtil::toCString(QString::fromLatin1("ab\0cd", 5)), std::string("ab\0cd", 5));
 
-    g_logged.clear();
-    const QtMessageHandler previous = qInstallMessageHandler(capture);
+    LogCapture log;
     EXPECT_EQ(JsonHelper::getJsonObjectFromQString("{\"a\": 1}").value("a").toInt(), 1);
     EXPECT_EQ(JsonHelper::getJsonArrayFromQString("[1, \"two\"]").at(1).toString(), "two");
     EXPECT_TRUE(JsonHelper::getJsonObjectFromQString("[1,2]").isEmpty());
     EXPECT_TRUE(JsonHelper::getJsonArrayFromQString("{}").isEmpty());
-    EXPECT_TRUE(g_logged.isEmpty());
+    EXPECT_TRUE(log.messages().isEmpty());
     EXPECT_TRUE(JsonHelper::getJsonObjectFromQString("{\"a\": }").isEmpty());
     EXPECT_TRUE(JsonHelper::getJsonArrayFromQString("").isEmpty());
-    qInstallMessageHandler(previous);
-    ASSERT_EQ(g_logged.size(), 2);
-    EXPECT_TRUE(g_logged.at(0).startsWith("Parse error at  7 :")) << qPrintable(g_logged.at(0));
+    ASSERT_EQ(log.messages().size(), 2);
+    EXPECT_TRUE(log.messages().at(0).startsWith("Parse error at  7 :")) << qPrintable(log.messages().at(0));
 }

@@ -1,6 +1,7 @@
 // gzip/zlib compression and inflation: GZipCompressor and the OSUtils zlib helpers.
 #include "GZipCompressor.h"
 #include "OSUtils.h"
+#include "TestSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -27,11 +28,6 @@ QByteArray zlibStream(const QByteArray& data) {
     compress(reinterpret_cast<Bytef*>(out.data()), &length, reinterpret_cast<const Bytef*>(data.constData()),
              uLong(data.size()));
     return out.left(int(length));
-}
-
-QStringList g_messages;
-void collect(QtMsgType, const QMessageLogContext&, const QString& line) {
-    g_messages << line;
 }
 
 } // namespace
@@ -89,7 +85,7 @@ TEST(GZipCompressor, WrongWrapperTruncatedCorruptedAndTrailingData) {
 }
 
 TEST(OSUtilsZlib, CompressDataLimitAndUnCompressData) {
-    const QtMessageHandler previous = qInstallMessageHandler(collect);
+    LogCapture log;
     QByteArray out = "stale", back;
     OSUtils::compressData(out, text(50000));
     EXPECT_EQ(out, zlibStream(text(50000))); // the plain zlib stream, nothing of our own added
@@ -97,12 +93,12 @@ TEST(OSUtilsZlib, CompressDataLimitAndUnCompressData) {
     for (int size = 1000; size <= 1030; ++size) {
         const QByteArray noise = randomBytes(size, quint32(size));
         const bool fits = zlibStream(noise).size() <= 1024;
-        g_messages.clear();
+        log.clear();
         OSUtils::compressData(out, noise);
         EXPECT_EQ(!out.isEmpty(), fits) << size;
-        EXPECT_EQ(g_messages, fits ? QStringList() : QStringList{"conmpress faild, err code: -5"}) << size;
+        EXPECT_EQ(log.messages(), fits ? QStringList() : QStringList{"conmpress faild, err code: -5"})
+            << size;
     }
-    qInstallMessageHandler(previous);
 
     EXPECT_TRUE(OSUtils::unCompressData(zlibStream(text(300000)), &back) && back == text(300000));
     EXPECT_FALSE(OSUtils::unCompressData(QByteArray(), &back));

@@ -1,6 +1,7 @@
 // Keyed-archive decoding: UID resolution, the object form of "$top", whole-list conversion,
 // undefined values, failures, hostile reference graphs, and the archive subcommand.
 #include "NSKeyedArchiver.h"
+#include "TestSupport.h"
 #include "ToolRun.h"
 
 #include <gtest/gtest.h>
@@ -65,12 +66,6 @@ QJsonObject js(const char* text) {
 const QJsonObject kStringJson =
     js(R"({"root": {"NS.string": "hi", "$class": {"$classname": "NSString", "$classes": ["NSString"]}}})");
 
-QString writeFile(const QTemporaryDir& dir, const QByteArray& bytes) {
-    QFile file(dir.filePath("a.archive"));
-    EXPECT_TRUE(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size());
-    return file.fileName();
-}
-
 QJsonObject decode(const QByteArray& bytes) {
     NSKeyedArchiver a;
     EXPECT_TRUE(a.loadFromData(bytes));
@@ -123,7 +118,7 @@ TEST(NSKeyedArchiver, StructuralFaultsLoadAndFailuresKeepTheResult) {
     EXPECT_EQ(a.json(), QJsonValue(js(R"({"name": "x", "refs": [null]})")));
 
     QTemporaryDir dir;
-    ASSERT_TRUE(a.loadFromFile(writeFile(dir, serialise(stringArchive()))));
+    ASSERT_TRUE(a.loadFromFile(writeFile(dir, "a.archive", serialise(stringArchive()))));
     EXPECT_FALSE(a.loadFromFile(dir.filePath("missing")));
     EXPECT_FALSE(a.loadRootFromFile(dir.path()));
     EXPECT_FALSE(a.loadFromData("garbage"));
@@ -165,7 +160,7 @@ TEST(NSKeyedArchiver, HostileReferenceGraphsEnd) {
     // The tool prints such a result compact, without recursing once per level.
     if (!toolBuilt()) return;
     QTemporaryDir dir;
-    const ToolRun printed = runTool({"archive", writeFile(dir, chainBytes)});
+    const ToolRun printed = runTool({"archive", writeFile(dir, "a.archive", chainBytes)});
     EXPECT_EQ(printed.code, 0);
     EXPECT_EQ(printed.out, "{\"root\":" + QByteArray("{\"next\":").repeated(depth) + "\"bottom\"" +
                                QByteArray(depth + 1, '}') + "\n");
@@ -174,7 +169,7 @@ TEST(NSKeyedArchiver, HostileReferenceGraphsEnd) {
 TEST(NSKeyedArchiver, InspectToolPrintsResolvedArchives) {
     if (!toolBuilt()) GTEST_SKIP() << "utils-inspect not built";
     QTemporaryDir dir;
-    const QString file = writeFile(dir, serialise(stringArchive()));
+    const QString file = writeFile(dir, "a.archive", serialise(stringArchive()));
     auto run = [](const QStringList& args, int code) {
         const ToolRun r = runTool(args);
         EXPECT_EQ(r.code, code) << r.err.toStdString();

@@ -1,5 +1,6 @@
 // Media durations (SILK voice notes by their frames, other media by the container) and utils-inspect.
 #include "OSUtils.h"
+#include "TestSupport.h"
 #include "ToolRun.h"
 
 #include <gtest/gtest.h>
@@ -9,16 +10,6 @@
 #include <QTemporaryDir>
 
 namespace {
-
-QStringList g_messages;
-void collect(QtMsgType, const QMessageLogContext&, const QString& text) {
-    g_messages << text;
-}
-
-QString writeFile(const QTemporaryDir& dir, const QString& name, const QByteArray& bytes) {
-    QFile file(dir.filePath(name));
-    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size() ? file.fileName() : QString();
-}
 
 QByteArray silk(int frames, bool leadByte) {
     QByteArray bytes = leadByte ? QByteArray("\x02#!SILK_V3") : QByteArray("#!SILK_V3");
@@ -63,7 +54,7 @@ TEST(ReadSilk, CountsFramesAfterTheFirstTwo) {
 
 TEST(MediaDuration, SilkByNameContainerRoundingAndFailures) {
     QTemporaryDir dir;
-    const QtMessageHandler previous = qInstallMessageHandler(collect);
+    LogCapture log;
     // The name decides the SILK path; the file itself may be stored under a hash.
     const QString stored = writeFile(dir, "3f2a9c", silk(52 + 3000, true));
     EXPECT_EQ(OSUtils::getMediaDuration("voice.amr", stored, "mm:ss"), "01:01");
@@ -79,14 +70,13 @@ TEST(MediaDuration, SilkByNameContainerRoundingAndFailures) {
     EXPECT_EQ(duration(1000, 59995, "mm:ss"), "01:00");
     EXPECT_EQ(duration(1000, 59994, "mm:ss"), "00:59");
     EXPECT_EQ(duration(1, 90061, "hh:mm:ss"), "01:01:01"); // 25 h 1 min 1 s wraps as a time of day
-    EXPECT_TRUE(g_messages.isEmpty()) << g_messages.join('|').toStdString();
+    EXPECT_TRUE(log.messages().isEmpty()) << log.messages().join('|').toStdString();
 
     const QString missing = dir.filePath("missing.mp4");
     EXPECT_EQ(OSUtils::getMediaDuration("missing.mp4", missing, "mm:ss"), "00:00");
-    EXPECT_EQ(g_messages, QStringList{"Open media file failed, filePath:  \"" + missing + "\""});
+    EXPECT_EQ(log.messages(), QStringList{"Open media file failed, filePath:  \"" + missing + "\""});
     for (const QByteArray& junk : {QByteArray(4096, '\x5a'), wav(1000, 5000).left(30), QByteArray()})
         EXPECT_EQ(OSUtils::getMediaDuration("x.mp4", writeFile(dir, "x.mp4", junk), "hh:mm:ss"), "00:00:00");
-    qInstallMessageHandler(previous);
 }
 
 TEST(ToolMedia, DurationGzipAndAes) {

@@ -1,24 +1,11 @@
 #include "OSUtils.h"
+#include "TestSupport.h"
 #include "ToolRun.h"
 
 #include <QFile>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
-
-namespace {
-QStringList g_logged;
-void capture(QtMsgType, const QMessageLogContext&, const QString& message) {
-    g_logged << message;
-}
-
-QString writeFile(const QTemporaryDir& dir, const QString& name, const QByteArray& bytes) {
-    QFile f(dir.filePath(name));
-    f.open(QIODevice::WriteOnly);
-    f.write(bytes);
-    return f.fileName();
-}
-} // namespace
 
 TEST(Classify, SuffixTables) {
     EXPECT_EQ(g_photoSuffix.size() + g_videoSuffix.size() + g_audioSuffix.size() + g_otherSuffix.size(),
@@ -62,15 +49,13 @@ TEST(Classify, HeaderSniffIsTextSearch) {
     EXPECT_FALSE(OSUtils::isPictureMagic(writeFile(dir, "d", "0123456789png"))); // beyond 10 bytes
 
     // Missing files log nothing; each sniffed video header is logged.
-    g_logged.clear();
-    const QtMessageHandler previous = qInstallMessageHandler(capture);
+    LogCapture log;
     EXPECT_FALSE(OSUtils::isPictureMagic(dir.filePath("missing")) ||
                  OSUtils::isVideoMagic(dir.filePath("missing")));
     EXPECT_TRUE(OSUtils::isVideoMagic(writeFile(dir, "e", "abcdMOV and more text")));
     EXPECT_FALSE(OSUtils::isVideoMagic(writeFile(dir, "f", QByteArray::fromHex("00000018667479706d703432"))));
-    qInstallMessageHandler(previous);
-    ASSERT_EQ(g_logged.size(), 2);
-    EXPECT_TRUE(g_logged.at(0).contains("abcdMOV and more text"));
+    ASSERT_EQ(log.messages().size(), 2);
+    EXPECT_TRUE(log.messages().at(0).contains("abcdMOV and more text"));
 }
 
 // The classify, phone and timestamp subcommands of utils-inspect.

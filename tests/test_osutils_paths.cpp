@@ -1,4 +1,5 @@
 #include "OSUtils.h"
+#include "TestSupport.h"
 
 #include <QDir>
 #include <QFile>
@@ -6,20 +7,6 @@
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
-
-namespace {
-void writeFile(const QString& path, const QByteArray& bytes) {
-    QDir().mkpath(QFileInfo(path).path());
-    QFile f(path);
-    ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-    f.write(bytes);
-}
-
-QByteArray readFile(const QString& path) {
-    QFile f(path);
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
-}
-} // namespace
 
 TEST(Paths, JoinAndNames) {
     EXPECT_EQ(OSUtils::pathJoin("/a/", "/b"), "/a/b");

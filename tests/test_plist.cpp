@@ -1,6 +1,7 @@
 // Property-list utilities: both formats, typed access, JSON conversion, iteration, the parser
 // guards against hostile binary lists, the binary writer and the plist subcommand.
 #include "PlistUtils.h"
+#include "TestSupport.h"
 #include "ToolRun.h"
 
 #include <gtest/gtest.h>
@@ -47,17 +48,6 @@ const QJsonObject kSampleJson = QJsonDocument::fromJson(R"({"bool": true, "int":
                                                         R"("uid": null, "array": [1, "two", {}]})")
                                     .object();
 
-QByteArray readFile(const QString& path) {
-    QFile f(path);
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
-}
-
-QString writeFile(const QString& path, const QByteArray& bytes) {
-    QFile f(path);
-    EXPECT_TRUE(f.open(QIODevice::WriteOnly) && f.write(bytes) == bytes.size());
-    return path;
-}
-
 QByteArray be32(quint32 v) {
     uchar b[4];
     qToBigEndian(v, b);
@@ -85,8 +75,6 @@ QList<QList<quint32>> chain(quint32 length, int width) {
         objects << QVector<quint32>(width, i + 1).toList();
     return objects << QList<quint32>();
 }
-
-QStringList g_debug;
 
 } // namespace
 
@@ -140,13 +128,11 @@ TEST(PlistUtils, TypedAccessGivesNeutralValuesAndSettersNeverCreate) {
     EXPECT_FALSE(P::getBoolValue(d, "bool"));
 
     // setDateValue always writes, from the low 32 bits of Unix time, and logs them.
-    const QtMessageHandler previous =
-        qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& m) { g_debug << m; });
+    LogCapture log;
     P::setDateValue(d, "text", 978307200L);
     P::setDateValue(d, "new", 0x100000000L + 978307260L);
     P::setDateValue(d, "epoch", 0L);
-    qInstallMessageHandler(previous);
-    EXPECT_EQ(g_debug, QStringList({"now 978307200", "now 978307260", "now 0"}));
+    EXPECT_EQ(log.messages(), QStringList({"now 978307200", "now 978307260", "now 0"}));
     EXPECT_EQ(plist_get_node_type(static_cast<plist_t>(P::getNode(d, "text"))), PLIST_DATE);
     EXPECT_EQ(P::toJson(d).toObject().value("text"), QJsonValue(0.0));
     EXPECT_EQ(P::getDateValue(P::getNode(d, "new")), 60.0);
