@@ -322,5 +322,5 @@ TEST(Digests, DocumentedResultsOnDamagedDatabasesAreUnchanged) {
     }
     ASSERT_EQ(recorded.keys(), digests.keys());
     for (auto it = digests.constBegin(); it != digests.constEnd(); ++it)
-        EXPECT_EQ(it.value(), recorded.value(it.key())) << it.key().toStdString();
+        EXPECT_EQ(it.value().toStdString(), recorded.value(it.key()).toStdString()) << it.key().toStdString();
 }

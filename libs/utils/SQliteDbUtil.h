@@ -13,6 +13,10 @@
 #include <QString>
 #include <QVariant>
 
+#include <memory>
+
+class SQliteSource;
+
 // The 100-byte database header, as read (nothing in it is validated beyond the magic).
 struct UTILS_EXPORT SQliteDbHeader {
     QString magic;
@@ -116,4 +120,20 @@ public:
     QList<QList<QVariant>> searchLostRecord(const QString& table, const QString& pattern, bool withHeader);
     QList<QList<QVariant>> searchLostRecordInFreeSpace(const QString& pattern, bool withHeader);
     void stopSearch();
+
+private:
+    // The cached page access behind the operations above; a copy of a reader starts afresh.
+    class UTILS_EXPORT SourceHolder {
+    public:
+        SourceHolder();
+        SourceHolder(const SourceHolder&);
+        SourceHolder& operator=(const SourceHolder&);
+        ~SourceHolder();
+        SQliteSource* get() const { return m_source.get(); }
+
+    private:
+        std::unique_ptr<SQliteSource> m_source;
+    };
+    SourceHolder m_source;
+    friend SQliteSource& sqliteSource(SQliteDbUtil& db);
 };

@@ -1,0 +1,341 @@
+#include "SQliteScanner.h"
+
+#include "ByteCursor.h"
+#include "SQliteCodec.h"
+#include "SQliteDbUtil.h"
+#include "SQliteSource.h"
+
+#include <QSet>
+#include <QTextCodec>
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+using namespace sqliteio;
+
+namespace {
+
+bool stopRequested(const SQliteDbUtil& db) {
+    return __atomic_load_n(&db.stopRequested, __ATOMIC_RELAXED);
+}
+
+} // namespace
+
+struct SQliteScanner::Private {
+    explicit Private(SQliteDbUtil& reader) : db(reader) {}
+
+    SQliteDbUtil& db;
+    ProgressCallback progress;
+    std::vector<int> types;
+    QByteArray payload;
+
+    QList<QVariant> decodeCell(SQliteSource& src, qint64 pos);
+    QList<QVariant> decodePayload(qint64 rowid, const uchar* p, qint64 n);
+    bool scan(const uchar* data, qint64 size, const SQliteCodec::Pattern& pattern, bool withHeader,
+              Location where, const FoundCallback& callback);
+    bool walkPage(int page, const RecordCallback& callback);
+};
+
+SQliteScanner::SQliteScanner(SQliteDbUtil& db) : d(new Private(db)) {}
+SQliteScanner::~SQliteScanner() = default;
+
+void SQliteScanner::setProgress(ProgressCallback progress) {
+    d->progress = std::move(progress);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Live records
+
+QList<QVariant> SQliteScanner::Private::decodeCell(SQliteSource& src, qint64 pos) {
+    qint64 got = 0;
+    ByteCursor head = src.cursor(pos, 18);
+    int n = 0;
+    const int payloadSize = narrow32(head.varint(&n));
+    const qint64 rowid = head.varint(&n);
+    qint64 at = pos + head.pos();
+    const qint64 available = std::max<qint64>(0, src.size() - at);
+
+    // Local part and overflow as the file format defines them.
+    const qint64 usable = qint64(db.header.pageSize) - db.header.reservedSpace;
+    const qint64 maxLocal = usable - 35;
+    const qint64 minLocal = ((usable - 12) * 32 / 255) - 23;
+    if (payloadSize <= maxLocal) {
+        // A negative size asks for everything that is left, as an unsigned count would.
+        const qint64 wanted = payloadSize < 0 ? available : std::min<qint64>(payloadSize, available);
+        const uchar* p = src.bytes(at, std::min<qint64>(wanted, INT32_MAX), &got);
+        return decodePayload(rowid, p, got);
+    }
+    const qint64 k = usable - 4 > 0 ? minLocal + (payloadSize - minLocal) % (usable - 4) : minLocal;
+    const qint64 local = k > maxLocal ? minLocal : k;
+    const uchar* p = src.bytes(at, std::max<qint64>(0, local), &got);
+    payload = QByteArray(reinterpret_cast<const char*>(p), int(got));
+    at += got;
+    ByteCursor next = src.cursor(at, 4);
+    payload += db.readOverFlowData(int(next.u32()));
+    return decodePayload(rowid, reinterpret_cast<const uchar*>(payload.constData()), payload.size());
+}
+
+QList<QVariant> SQliteScanner::Private::decodePayload(qint64 rowid, const uchar* p, qint64 n) {
+    QList<QVariant> record;
+    ByteCursor c(p, n);
+    if (c.atEnd()) {
+        record.append(QVariant(qlonglong(rowid)));
+        return record;
+    }
+    int consumed = 0;
+    const qint64 headerSize = c.varint(&consumed);
+    types.clear();
+    while (consumed < headerSize && !c.atEnd()) {
+        int len = 0;
+        types.push_back(narrow32(c.varint(&len)));
+        consumed += len;
+    }
+    // Values follow the serial types directly; the header size is not used to reposition.
+    record.reserve(int(types.size()) + 1);
+    record.append(QVariant(qlonglong(rowid)));
+    const qint32 encoding = db.header.textEncoding;
+    for (int type : types)
+        record.append(SQliteCodec::value(c, type, nullptr, encoding));
+    return record;
+}
+
+QList<QVariant> SQliteScanner::recordAt(int page, unsigned short offset) {
+    const auto it = d->db.pages.constFind(page);
+    if (it == d->db.pages.constEnd() || it->type != 13) return {};
+    SQliteSource& src = sqliteSource(d->db);
+    const qint64 pos = wrapped32Position(d->db.header.pageSize, page, offset);
+    if (!src.canSeek(pos)) return {};
+    return d->decodeCell(src, pos);
+}
+
+bool SQliteScanner::Private::walkPage(int page, const RecordCallback& callback) {
+    const auto it = db.pages.constFind(page);
+    if (it == db.pages.constEnd() || it->type != 13) return true;
+    SQliteSource& src = sqliteSource(db);
+    for (quint16 offset : it->cellOffsets) {
+        const qint64 pos = wrapped32Position(db.header.pageSize, page, offset);
+        if (!src.canSeek(pos)) continue;
+        const QList<QVariant> record = decodeCell(src, pos);
+        if (record.size() >= 2 && !callback(record)) return false;
+    }
+    return true;
+}
+
+bool SQliteScanner::forEachRecordInPage(int page, const RecordCallback& callback) {
+    return d->walkPage(page, callback);
+}
+
+bool SQliteScanner::forEachRecord(const QString& table, const RecordCallback& callback) {
+    const auto it = d->db.tables.constFind(table);
+    if (it == d->db.tables.constEnd()) return true;
+    const QList<int> pages = it->pages;
+    for (int i = 0; i < pages.size(); ++i) {
+        if (stopRequested(d->db)) return false;
+        if (!d->walkPage(pages.at(i), callback)) return false;
+        if (d->progress) d->progress(i + 1, pages.size());
+    }
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------
+// The deleted-record scan
+
+namespace {
+
+// A varint read straight from a block, as the stream reader would read it there.
+inline qint64 varintAt(const uchar* data, qint64 size, qint64 pos, int* len) {
+    if (pos >= size) {
+        *len = 0;
+        return 0;
+    }
+    const uchar first = data[pos];
+    if (first < 0x80) {
+        *len = 1;
+        return first;
+    }
+    ByteCursor c(data, size, pos);
+    return c.varint(len);
+}
+
+} // namespace
+
+bool SQliteScanner::Private::scan(const uchar* data, qint64 size, const SQliteCodec::Pattern& pattern,
+                                  bool withHeader, Location where, const FoundCallback& callback) {
+    const int fields = pattern.size();
+    if (size <= 0 || fields == 0) return true; // with no serial types every candidate is all-NULL
+    types.resize(size_t(fields));
+    const qint64 span = fields + (withHeader ? 2 : 0); // varints of a candidate
+    const qint32 encoding = db.header.textEncoding;
+
+    qint64 pos = 0;
+    while (pos < size) {
+        // Quick refusals that give what the full test below would: inside a run of zero bytes
+        // every varint is 0, so the candidate is refused or all-NULL; and a one-byte first
+        // serial type that the pattern refuses.
+        if (data[pos] == 0) {
+            qint64 end = pos;
+            while (end < size && data[end] == 0)
+                ++end;
+            if (end == size) break;
+            if (end - span + 1 > pos) {
+                pos = end - span + 1;
+                continue;
+            }
+        }
+        const qint64 typeAt = withHeader ? pos + 2 : pos;
+        if (typeAt < size && data[typeAt] < 0x80 && !pattern.firstAcceptsByte(data[typeAt]) &&
+            (!withHeader || (data[pos] < 0x80 && data[pos + 1] < 0x80))) {
+            ++pos;
+            continue;
+        }
+
+        qint64 consumed = 0;
+        int len = 0;
+        int rowid = 0;
+        if (withHeader) {
+            rowid = narrow32(varintAt(data, size, pos, &len));
+            consumed += len;
+            varintAt(data, size, pos + consumed, &len); // header size: read, never checked
+            consumed += len;
+        }
+        bool accepted = true;
+        bool allNull = true;
+        for (int i = 0; i < fields; ++i) {
+            const int type = narrow32(varintAt(data, size, pos + consumed, &len));
+            types[size_t(i)] = type;
+            consumed += len;
+            if (!pattern.matches(i, type)) {
+                accepted = false;
+                break;
+            }
+            if (type != 0) allNull = false;
+        }
+        if (!accepted || allNull) {
+            ++pos;
+            continue;
+        }
+        bool tooLarge = false;
+        for (int i = 0; i < fields && !tooLarge; ++i) {
+            const int t = types[size_t(i)];
+            if (t >= 12 && t % 2 == 0 && t - 12 >= 4194306) tooLarge = true; // BLOB over 2 MiB
+            if (t >= 13 && t % 2 == 1 && t - 12 > 4097) tooLarge = true;     // text over 2048 bytes
+        }
+        if (tooLarge) {
+            ++pos;
+            continue;
+        }
+
+        QList<QVariant> record;
+        record.reserve(fields + (withHeader ? 1 : 0));
+        if (withHeader) record.append(QVariant(rowid));
+        ByteCursor values(data, size, pos + consumed);
+        // One byte count shared by the values of a candidate: a reserved type leaves it
+        // unwritten and so counts the previous value's length again.
+        int valueLen = 0;
+        for (int i = 0; i < fields; ++i) {
+            record.append(SQliteCodec::value(values, types[size_t(i)], &valueLen, encoding));
+            consumed += valueLen;
+        }
+        where.offset = pos;
+        if (!callback(record, where)) return false;
+        pos = pos + consumed + 1;
+    }
+    return true;
+}
+
+bool SQliteScanner::searchBlock(const QByteArray& block, const QString& pattern, bool withHeader,
+                                const FoundCallback& callback) {
+    const QByteArray bytes = block; // held while the callbacks run
+    return d->scan(reinterpret_cast<const uchar*>(bytes.constData()), bytes.size(),
+                   SQliteCodec::Pattern(pattern), withHeader, Location(), callback);
+}
+
+QList<SQliteScanner::Area> SQliteScanner::areasInPage(int page) {
+    QList<Area> areas;
+    SQliteDbUtil& db = d->db;
+    const auto it = db.pages.constFind(page);
+    if (it == db.pages.constEnd() || it->type != 13) return areas;
+    SQliteSource& src = sqliteSource(db);
+    const quint32 pageSize = db.header.pageSize;
+    qint64 got = 0;
+
+    // The unallocated gap: from the end of the cell pointer array (the database header of
+    // page 1 is not counted) to the start of the cell content area.
+    const qint64 start = pagePosition(pageSize, page) + 8 + 2 * qint64(it->cellCount);
+    const qint64 contentStart = it->cellContentStart == 0 ? 65536 : it->cellContentStart;
+    const qint64 length = contentStart - 8 - 2 * qint64(it->cellCount);
+    if (length > 0 && src.canSeek(start)) {
+        const uchar* p = src.bytes(start, length, &got);
+        areas.append({Gap, page, start, QByteArray(reinterpret_cast<const char*>(p), int(got))});
+    }
+
+    // The freeblocks, each read from after its 4-byte header for the whole size that header
+    // gives, which counts the header itself: every block runs 4 bytes past the freeblock's end.
+    if (it->firstFreeblock == 0) return areas;
+    QSet<int> seen;
+    int offset = it->firstFreeblock;
+    while (offset != 0 && !seen.contains(offset)) {
+        seen.insert(offset);
+        // Computed unsigned in 32 bits: an offset past the page end wraps and does not stop.
+        if (pageSize - (quint32(db.header.reservedSpace) + quint32(offset)) < 4) break;
+        const qint64 at = wrapped32Position(pageSize, page, offset);
+        if (!src.canSeek(at)) break;
+        ByteCursor c = src.cursor(at, 4);
+        const int next = qint16(c.u16());
+        const int size = qint16(c.u16());
+        const qint64 blockStart = at + c.pos();
+        const uchar* p = src.bytes(blockStart, size, &got);
+        areas.append(
+            {Freeblock, page, blockStart,
+             size > 0 ? QByteArray(reinterpret_cast<const char*>(p), int(got)) : QByteArray(0, '\0')});
+        offset = next;
+    }
+    return areas;
+}
+
+bool SQliteScanner::forEachLostRecord(const QString& table, const QString& pattern, bool withHeader,
+                                      const FoundCallback& callback) {
+    const auto it = d->db.tables.constFind(table);
+    if (it == d->db.tables.constEnd()) return true;
+    const SQliteCodec::Pattern compiled(pattern);
+    const QList<int> pages = it->pages;
+    for (int i = 0; i < pages.size(); ++i) {
+        if (stopRequested(d->db)) return false;
+        for (const Area& area : areasInPage(pages.at(i))) {
+            const Location where{area.region, area.page, area.start, 0};
+            if (!d->scan(reinterpret_cast<const uchar*>(area.bytes.constData()), area.bytes.size(), compiled,
+                         withHeader, where, callback))
+                return false;
+        }
+        if (d->progress) d->progress(i + 1, pages.size());
+    }
+    return true;
+}
+
+bool SQliteScanner::forEachLostRecordInFreeSpace(const QString& pattern, bool withHeader,
+                                                 const FoundCallback& callback) {
+    SQliteDbUtil& db = d->db;
+    const SQliteCodec::Pattern compiled(pattern);
+    const qint64 length = qint64(db.header.pageSize) - db.header.reservedSpace - 12;
+    const QList<int> pages = db.freeListPages;
+    QByteArray block;
+    for (int i = 0; i < pages.size(); ++i) {
+        if (stopRequested(db)) return false;
+        // The first 12 bytes of every free page (trunk or leaf) are skipped.
+        const int page = pages.at(i);
+        SQliteSource& src = sqliteSource(db);
+        const qint64 start = pagePosition(db.header.pageSize, page) + 12;
+        if (page >= 1 && length > 0 && src.canSeek(start)) {
+            qint64 got = 0;
+            const uchar* p = src.bytes(start, length, &got);
+            block = QByteArray(reinterpret_cast<const char*>(p), int(got)); // held while the callbacks run
+            const Location where{FreePage, page, start, 0};
+            if (!d->scan(reinterpret_cast<const uchar*>(block.constData()), block.size(), compiled,
+                         withHeader, where, callback))
+                return false;
+        }
+        if (d->progress) d->progress(i + 1, pages.size());
+    }
+    return true;
+}

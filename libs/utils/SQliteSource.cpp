@@ -1,0 +1,114 @@
+#include "SQliteSource.h"
+
+#include <QFileDevice>
+
+#include <algorithm>
+#include <cerrno>
+
+#ifdef Q_OS_UNIX
+#include <unistd.h>
+#endif
+
+namespace {
+
+constexpr qint64 kAlign = 4096;
+constexpr qint64 kChunk = 16 * 1024;      // a stretch read at random
+constexpr qint64 kReadAhead = 256 * 1024; // a stretch read right after the previous one
+constexpr qint64 kLargest = 1024 * 1024;  // longer reads bypass the cache
+constexpr size_t kWindows = 8;
+const uchar kNothing = 0;
+
+} // namespace
+
+bool SQliteSource::attach(QIODevice* device) {
+    const bool open = device && device->isOpen() && device->isReadable();
+    int fd = -1;
+#ifdef Q_OS_UNIX
+    if (open)
+        if (auto* file = qobject_cast<QFileDevice*>(device)) fd = file->handle();
+#endif
+    const qint64 size = open ? device->size() : 0;
+    if (device != m_device || fd != m_fd || size != m_size || open != m_open) {
+        reset();
+        m_device = device;
+        m_fd = fd;
+        m_size = size;
+    }
+    m_open = open;
+    return open;
+}
+
+void SQliteSource::reset() {
+    m_windows.clear();
+    m_lastEnd = -1;
+    m_device = nullptr;
+    m_fd = -1;
+    m_size = 0;
+    m_open = false;
+}
+
+bool SQliteSource::canSeek(qint64 pos) const {
+    if (!m_open || pos < 0) return false;
+    if (m_fd >= 0) return true; // a file seeks anywhere from 0 on
+    return m_device->seek(pos);
+}
+
+qint64 SQliteSource::readInto(qint64 pos, qint64 n, uchar* out) {
+    if (!m_open || pos < 0 || n <= 0) return 0;
+#ifdef Q_OS_UNIX
+    if (m_fd >= 0) {
+        qint64 done = 0;
+        while (done < n) {
+            const ssize_t r = ::pread(m_fd, out + done, size_t(n - done), off_t(pos + done));
+            if (r < 0 && errno == EINTR) continue;
+            if (r <= 0) break;
+            done += r;
+        }
+        return done;
+    }
+#endif
+    if (!m_device->seek(pos)) return 0;
+    const qint64 r = m_device->read(reinterpret_cast<char*>(out), n);
+    return r < 0 ? 0 : r;
+}
+
+SQliteSource::Window& SQliteSource::load(qint64 start, qint64 length) {
+    Window* slot = nullptr;
+    if (m_windows.size() < kWindows) {
+        m_windows.emplace_back();
+        slot = &m_windows.back();
+    } else {
+        slot = &*std::min_element(m_windows.begin(), m_windows.end(),
+                                  [](const Window& a, const Window& b) { return a.lastUse < b.lastUse; });
+    }
+    slot->data.resize(size_t(length));
+    slot->data.resize(size_t(readInto(start, length, slot->data.data())));
+    slot->start = start;
+    m_lastEnd = start + length;
+    return *slot;
+}
+
+const uchar* SQliteSource::bytes(qint64 pos, qint64 n, qint64* got) {
+    *got = 0;
+    if (!m_open || pos < 0 || n <= 0 || pos >= m_size) return &kNothing;
+    n = std::min(n, m_size - pos);
+    for (Window& w : m_windows) {
+        if (pos >= w.start && pos + n <= w.start + qint64(w.data.size())) {
+            w.lastUse = ++m_clock;
+            *got = n;
+            return w.data.data() + (pos - w.start);
+        }
+    }
+    if (n > kLargest) {
+        m_scratch.resize(size_t(n));
+        *got = readInto(pos, n, m_scratch.data());
+        return m_scratch.data();
+    }
+    const qint64 start = pos - pos % kAlign;
+    const qint64 wanted = (pos + n - start + kAlign - 1) / kAlign * kAlign;
+    const bool sequential = m_lastEnd >= 0 && start <= m_lastEnd && start + kReadAhead > m_lastEnd;
+    Window& w = load(start, std::max(wanted, sequential ? kReadAhead : kChunk));
+    w.lastUse = ++m_clock;
+    *got = std::max<qint64>(0, std::min<qint64>(n, w.start + qint64(w.data.size()) - pos));
+    return *got > 0 ? w.data.data() + (pos - w.start) : &kNothing;
+}

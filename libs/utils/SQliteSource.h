@@ -1,0 +1,83 @@
+// Positional reads of the device behind an SQliteDbUtil's stream, with a small cache of
+// recently read stretches, so that a page is read from the file once and decoded from memory.
+// It answers exactly as a seek followed by a read on that device would: a closed device or a
+// negative position fails, and a read past the end comes back short. A file is read with pread,
+// which leaves the stream's own position and buffer alone; any other device through seek and
+// read. Internal to the library.
+#pragma once
+
+#include "ByteCursor.h"
+
+#include <QtGlobal>
+
+#include <vector>
+
+class QIODevice;
+
+class SQliteSource {
+public:
+    // Binds to device (the reader's stream device, possibly none) for the operation that
+    // follows; forgets the cached bytes when the device or its size changed. Returns whether
+    // the device is open for reading.
+    bool attach(QIODevice* device);
+    void reset();
+
+    bool isOpen() const { return m_open; }
+    qint64 size() const { return m_size; }
+    // Whether a seek of the device to pos would succeed.
+    bool canSeek(qint64 pos) const;
+
+    // Up to n bytes at pos, fewer at the end of the device (got receives the count; the
+    // pointer is never null). Valid until the next call on this source.
+    const uchar* bytes(qint64 pos, qint64 n, qint64* got);
+    // The same bytes under a cursor.
+    ByteCursor cursor(qint64 pos, qint64 n) {
+        qint64 got = 0;
+        const uchar* p = bytes(pos, n, &got);
+        return ByteCursor(p, got);
+    }
+
+private:
+    struct Window {
+        qint64 start = -1;
+        std::vector<uchar> data;
+        quint64 lastUse = 0;
+    };
+    qint64 readInto(qint64 pos, qint64 n, uchar* out);
+    Window& load(qint64 start, qint64 length);
+
+    QIODevice* m_device = nullptr;
+    int m_fd = -1;
+    bool m_open = false;
+    qint64 m_size = 0;
+    quint64 m_clock = 0;
+    qint64 m_lastEnd = -1; // end of the last stretch read: the next one right after it reads ahead
+    std::vector<Window> m_windows;
+    std::vector<uchar> m_scratch;
+};
+
+class SQliteDbUtil;
+
+// The source of db, attached to its stream's device for the operation that follows.
+SQliteSource& sqliteSource(SQliteDbUtil& db);
+
+namespace sqliteio {
+
+// 32-bit two's-complement narrowing without implementation-defined conversions.
+inline int narrow32(qint64 v) {
+    const quint32 u = quint32(quint64(v));
+    return u <= quint32(INT32_MAX) ? int(u) : int(qint64(u) - (qint64(1) << 32));
+}
+
+// Start of a page, computed in 64 bits.
+inline qint64 pagePosition(quint32 pageSize, qint64 page) {
+    return (page - 1) * qint64(pageSize);
+}
+
+// pageSize × (page − 1) + offset in 32-bit signed arithmetic, widened: kept as the reader always
+// formed positions inside a page (it wraps for positions past 2 GiB).
+inline qint64 wrapped32Position(quint32 pageSize, int page, int offset) {
+    return narrow32(qint64(pageSize * (quint32(page) - 1u) + quint32(offset)));
+}
+
+} // namespace sqliteio
