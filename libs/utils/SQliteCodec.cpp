@@ -8,6 +8,10 @@
 #include <algorithm>
 #include <cstring>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 using namespace sqliteio;
 
 namespace {
@@ -98,9 +102,124 @@ SQliteCodec::Pattern::Pattern(const QString& pattern) : m_codes(size_t(pattern.s
     for (int i = 0; i < pattern.size(); ++i)
         m_codes[size_t(i)] = pattern.at(i).unicode();
     m_small.resize(m_codes.size() * 128);
-    for (size_t i = 0; i < m_codes.size(); ++i)
+    m_large.resize(m_codes.size());
+    for (size_t i = 0; i < m_codes.size(); ++i) {
         for (int t = 0; t < 128; ++t)
             m_small[i * 128 + size_t(t)] = letterAccepts(m_codes[i], t);
+        m_large[i] =
+            uchar((letterAccepts(m_codes[i], 128) ? 1 : 0) | (letterAccepts(m_codes[i], 129) ? 2 : 0) |
+                  (letterAccepts(m_codes[i], -1) ? 4 : 0));
+    }
+    for (size_t i = 0; i < 2 && i < m_codes.size(); ++i) {
+        Letter& f = m_letters[i];
+        const ushort code = m_codes[i];
+        if (code >= '0' && code <= '9') {
+            f.equal1 = uchar(code - '0');
+        } else if (code == 'b' || code == 's') {
+            f.equal1 = 0;
+            f.from = true;
+            f.lo = code == 'b' ? 12 : 13;
+            f.parity = code == 'b' ? 0 : 1;
+        } else if (code == 'd' || code == 'i') {
+            f.upTo = true;
+            f.hi = code == 'd' ? 9 : 11;
+            f.ex = code == 'd' ? 0xFF : 7;
+        } else if (code == 'f' || code == 'n') {
+            f.equal1 = 0;
+            f.equal2 = code == 'f' ? 7 : 0xFF;
+        }
+        // The vector test stands in for the table only where it gives the same answers.
+        bool same = true;
+        for (int b = 0; b < 128; ++b) {
+            const bool vector = b == f.equal1 || b == f.equal2 || (f.upTo && b <= f.hi && b != f.ex) ||
+                                (f.from && b >= f.lo && (b & 1) == f.parity);
+            same = same && vector == bool(m_small[i * 128 + size_t(b)]);
+        }
+#if defined(__SSE2__)
+        f.vector = same;
+#endif
+    }
+}
+
+// Bit i: the serial type of the varint at p + i is not refused on sight by letter index.
+quint32 SQliteCodec::Pattern::types16(const uchar* p, int index) const {
+    const quint32 parity = m_large[size_t(index)];
+    const quint32 oddOk = (parity & 2) ? 0xFFFF : 0, evenOk = (parity & 1) ? 0xFFFF : 0;
+#if defined(__SSE2__)
+    const Letter& f = m_letters[index];
+    if (f.vector) {
+        const __m128i v0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+        const __m128i v1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 1));
+        const __m128i v2 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 2));
+        const __m128i v3 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 3));
+        const __m128i one = _mm_set1_epi8(1);
+        auto eq = [](__m128i a, int b) { return _mm_cmpeq_epi8(a, _mm_set1_epi8(char(b))); };
+        __m128i accept = _mm_or_si128(eq(v0, f.equal1), eq(v0, f.equal2));
+        if (f.upTo) {
+            const __m128i upTo = _mm_cmpeq_epi8(_mm_min_epu8(v0, _mm_set1_epi8(char(f.hi))), v0);
+            accept = _mm_or_si128(accept, _mm_andnot_si128(eq(v0, f.ex), upTo));
+        }
+        if (f.from) {
+            const __m128i from = _mm_cmpeq_epi8(_mm_max_epu8(v0, _mm_set1_epi8(char(f.lo))), v0);
+            accept = _mm_or_si128(accept, _mm_and_si128(from, eq(_mm_and_si128(v0, one), f.parity)));
+        }
+        const quint32 h0 = quint32(_mm_movemask_epi8(v0)), h1 = quint32(_mm_movemask_epi8(v1));
+        const quint32 h2 = quint32(_mm_movemask_epi8(v2)), h3 = quint32(_mm_movemask_epi8(v3));
+        const quint32 odd1 = quint32(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_and_si128(v1, one), one)));
+        const quint32 odd2 = quint32(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_and_si128(v2, one), one)));
+        const quint32 odd3 = quint32(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_and_si128(v3, one), one)));
+        const quint32 is80 = quint32(_mm_movemask_epi8(eq(v0, 0x80)));
+        // A varint of two to four bytes ends at its first byte below 0x80.
+        const quint32 end1 = ~h1 & 0xFFFF, end2 = h1 & ~h2 & 0xFFFF, end3 = h1 & h2 & ~h3 & 0xFFFF;
+        const quint32 ends = end1 | end2 | end3;
+        const quint32 odd = (end1 & odd1) | (end2 & odd2) | (end3 & odd3);
+        const quint32 high = is80 | (~ends & 0xFFFF) | (odd & oddOk) | (ends & ~odd & evenOk);
+        return ((~h0 & quint32(_mm_movemask_epi8(accept))) | (h0 & high)) & 0xFFFF;
+    }
+#endif
+    quint32 bits = 0;
+    for (int i = 0; i < 16; ++i) {
+        const uchar* q = p + i;
+        bool open;
+        if (q[0] < 0x80) {
+            open = m_small[size_t(index) * 128 + q[0]];
+        } else {
+            const int last = q[1] < 0x80 ? q[1] : q[2] < 0x80 ? q[2] : q[3] < 0x80 ? q[3] : -1;
+            open = q[0] == 0x80 || last < 0 || ((last & 1) ? oddOk : evenOk);
+        }
+        bits |= quint32(open) << i;
+    }
+    return bits;
+}
+
+quint32 SQliteCodec::Pattern::candidates16(const uchar* p, bool withHeader) const {
+    if (!withHeader) {
+        quint32 open = types16(p, 0);
+        if (open && m_codes.size() > 1) {
+            // After a one-byte first serial type the second starts at the next byte.
+            quint32 longFirst = 0;
+#if defined(__SSE2__)
+            longFirst = quint32(_mm_movemask_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p))));
+#else
+            for (int i = 0; i < 16; ++i)
+                longFirst |= quint32(p[i] >> 7) << i;
+#endif
+            open &= longFirst | types16(p + 1, 1);
+        }
+        return open;
+    }
+    // Past a one-byte rowid and header size the first serial type is at p + 2; a longer one
+    // leaves the candidate open.
+    quint32 longer = 0;
+#if defined(__SSE2__)
+    longer =
+        quint32(_mm_movemask_epi8(_mm_or_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)),
+                                               _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 1)))));
+#else
+    for (int i = 0; i < 16; ++i)
+        longer |= quint32((p[i] | p[i + 1]) >> 7) << i;
+#endif
+    return longer | types16(p + 2, 0);
 }
 
 bool SQliteCodec::letterAccepts(ushort code, int serialType) {

@@ -29,13 +29,38 @@ public:
         int size() const { return int(m_codes.size()); }
         bool matches(int index, int serialType) const {
             if (serialType >= 0 && serialType < 128) return m_small[size_t(index) * 128 + size_t(serialType)];
-            return letterAccepts(m_codes[size_t(index)], serialType);
+            // Past 127 a letter tells serial types apart by parity only, below 0 not at all.
+            const uchar large = m_large[size_t(index)];
+            return serialType < 0 ? (large & 4) : (large & (serialType % 2 ? 2 : 1));
         }
-        // Whether the first letter accepts a one-byte serial type (b < 128).
-        bool firstAcceptsByte(uchar b) const { return m_small[b]; }
+        static constexpr int kSiftReach = 22; // bytes candidates16 reads from p
+        // One bit for each of the 16 candidates starting at p to p + 15, set unless the first
+        // two letters refuse the candidate's first two serial types on sight: a one-byte
+        // serial type a letter refuses, or one of two to four bytes (128 or more) of a parity
+        // it refuses (the second is looked at only after a one-byte first). Reads p[0] to
+        // p[19]. With the header flag the candidate's rowid and header size come first, and
+        // only one-byte ones are looked through (p[0] to p[21] are read).
+        quint32 candidates16(const uchar* p, bool withHeader) const;
+        // Whether the first letter refuses the serial type of the varint at p (avail bytes
+        // from p to the end of the block), when its first two bytes tell; false otherwise.
+        bool firstRefuses(const uchar* p, qint64 avail) const {
+            const uchar b0 = p[0];
+            if (b0 < 0x80) return !m_small[b0];
+            if (b0 == 0x80 || avail < 2 || p[1] >= 0x80) return false;
+            return !(m_large[0] & ((p[1] & 1) ? 2 : 1)); // two bytes: 128 or more, by parity
+        }
 
     private:
         std::vector<ushort> m_codes;
         std::vector<uchar> m_small;
+        std::vector<uchar> m_large; // 1 even types past 127, 2 odd ones, 4 negative ones
+        // The first letter's one-byte serial types as the sets the vector test checks:
+        // equal to one of two values, at most hi (but not ex), or at least lo with a parity.
+        struct Letter {
+            uchar equal1 = 0xFF, equal2 = 0xFF, hi = 0, ex = 0xFF, lo = 0xFF, parity = 0;
+            bool upTo = false, from = false;
+            bool vector = false; // the sets give the same answers as the table
+        } m_letters[2];
+        quint32 types16(const uchar* p, int index) const;
     };
 };

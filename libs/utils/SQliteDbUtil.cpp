@@ -81,6 +81,7 @@ SQliteDbUtil::SQliteDbUtil() : stopRequested(false) {}
 // Loading
 
 bool SQliteDbUtil::loadDb(const QString& path) {
+    m_source.get()->reset();
     file = QSharedPointer<QFile>(new QFile(path));
     if (!file->open(QIODevice::ReadOnly)) return false;
     stream = QSharedPointer<QDataStream>(new QDataStream(file.data()));
@@ -93,6 +94,7 @@ bool SQliteDbUtil::loadDb(const QString& path) {
 }
 
 void SQliteDbUtil::close() {
+    m_source.get()->reset();
     if (file) file->close();
 }
 
@@ -326,7 +328,9 @@ bool SQliteDbUtil::parsePage(unsigned int page) {
     const qint64 pos = pagePosition(header.pageSize, int(page));
     if (!src.canSeek(pos) || std::max<qint64>(0, src.size() - pos) < header.pageSize) return false;
     const qint64 at = page == 1 ? 100 : pos; // page 1 starts past the database header
-    ByteCursor c = src.cursor(at, 12);
+    // The header and, as a rule, the whole cell pointer array in one small read.
+    constexpr qint64 kHead = 64;
+    ByteCursor c = src.peek(at, kHead);
     SQlitePage p;
     p.pageNumber = int(page);
     const quint8 type = c.u8();
@@ -349,7 +353,8 @@ bool SQliteDbUtil::parsePage(unsigned int page) {
     }
     // Cell pointers that run past the end of the file read as 0.
     const qint64 pointers = at + c.pos();
-    ByteCursor cells = src.cursor(pointers, 2 * qint64(p.cellCount));
+    ByteCursor cells =
+        c.pos() + 2 * qint64(p.cellCount) <= kHead ? c : src.peek(pointers, 2 * qint64(p.cellCount));
     p.cellOffsets.reserve(p.cellCount);
     for (int i = 0; i < p.cellCount; ++i)
         p.cellOffsets.append(cells.u16());

@@ -7,6 +7,7 @@
 
 #include <QSet>
 #include <QTextCodec>
+#include <QtAlgorithms>
 
 #include <algorithm>
 #include <cstring>
@@ -29,12 +30,14 @@ struct SQliteScanner::Private {
     ProgressCallback progress;
     std::vector<int> types;
     QByteArray payload;
+    RecordView view;
 
-    QList<QVariant> decodeCell(SQliteSource& src, qint64 pos);
-    QList<QVariant> decodePayload(qint64 rowid, const uchar* p, qint64 n);
+    bool decodeCell(SQliteSource& src, qint64 pos, RecordView& out);
+    void readPayload(qint64 rowid, const uchar* p, qint64 n, RecordView& out);
     bool scan(const uchar* data, qint64 size, const SQliteCodec::Pattern& pattern, bool withHeader,
               Location where, const FoundCallback& callback);
-    bool walkPage(int page, const RecordCallback& callback);
+    bool walkPage(int page, const ViewCallback& callback);
+    bool walkTable(const QString& table, const ViewCallback& callback);
 };
 
 SQliteScanner::SQliteScanner(SQliteDbUtil& db) : d(new Private(db)) {}
@@ -47,7 +50,41 @@ void SQliteScanner::setProgress(ProgressCallback progress) {
 // ---------------------------------------------------------------------------------------------
 // Live records
 
-QList<QVariant> SQliteScanner::Private::decodeCell(SQliteSource& src, qint64 pos) {
+namespace {
+
+// The bytes a value's reading takes before the payload ends: none for NULL, 0, 1 and the
+// reserved types.
+qint64 valueLength(int type) {
+    static const qint64 fixed[] = {0, 1, 2, 3, 4, 6, 8, 8, 0, 0, 0, 0};
+    if (type < 0) return 0;
+    if (type < 12) return fixed[type];
+    return std::min<qint64>((type - 12 - type % 2) / 2, INT32_MAX);
+}
+
+} // namespace
+
+const uchar* SQliteScanner::RecordView::bytes(int i, qint64* n) const {
+    *n = m_starts[size_t(i) + 1] - m_starts[size_t(i)];
+    return m_payload + m_starts[size_t(i)];
+}
+
+QVariant SQliteScanner::RecordView::value(int i) const {
+    ByteCursor c(m_payload, m_payloadSize, m_starts[size_t(i)]);
+    return SQliteCodec::value(c, m_types[size_t(i)], nullptr, m_encoding);
+}
+
+QList<QVariant> SQliteScanner::RecordView::record() const {
+    QList<QVariant> record;
+    record.reserve(size() + 1);
+    record.append(QVariant(qlonglong(m_rowid)));
+    for (int i = 0; i < size(); ++i)
+        record.append(value(i));
+    return record;
+}
+
+// The cell at pos: its payload (the local part, then the overflow chain) is copied into the
+// scanner, so that a view outlives later reads of the reader.
+bool SQliteScanner::Private::decodeCell(SQliteSource& src, qint64 pos, RecordView& out) {
     qint64 got = 0;
     ByteCursor head = src.cursor(pos, 18);
     int n = 0;
@@ -64,40 +101,47 @@ QList<QVariant> SQliteScanner::Private::decodeCell(SQliteSource& src, qint64 pos
         // A negative size asks for everything that is left, as an unsigned count would.
         const qint64 wanted = payloadSize < 0 ? available : std::min<qint64>(payloadSize, available);
         const uchar* p = src.bytes(at, std::min<qint64>(wanted, INT32_MAX), &got);
-        return decodePayload(rowid, p, got);
+        payload.resize(int(got));
+        std::memcpy(payload.data(), p, size_t(got));
+    } else {
+        const qint64 k = usable - 4 > 0 ? minLocal + (payloadSize - minLocal) % (usable - 4) : minLocal;
+        const qint64 local = k > maxLocal ? minLocal : k;
+        const uchar* p = src.bytes(at, std::max<qint64>(0, local), &got);
+        payload = QByteArray(reinterpret_cast<const char*>(p), int(got));
+        at += got;
+        ByteCursor next = src.cursor(at, 4);
+        payload += db.readOverFlowData(int(next.u32()));
     }
-    const qint64 k = usable - 4 > 0 ? minLocal + (payloadSize - minLocal) % (usable - 4) : minLocal;
-    const qint64 local = k > maxLocal ? minLocal : k;
-    const uchar* p = src.bytes(at, std::max<qint64>(0, local), &got);
-    payload = QByteArray(reinterpret_cast<const char*>(p), int(got));
-    at += got;
-    ByteCursor next = src.cursor(at, 4);
-    payload += db.readOverFlowData(int(next.u32()));
-    return decodePayload(rowid, reinterpret_cast<const uchar*>(payload.constData()), payload.size());
+    readPayload(rowid, reinterpret_cast<const uchar*>(payload.constData()), payload.size(), out);
+    return true;
 }
 
-QList<QVariant> SQliteScanner::Private::decodePayload(qint64 rowid, const uchar* p, qint64 n) {
-    QList<QVariant> record;
+void SQliteScanner::Private::readPayload(qint64 rowid, const uchar* p, qint64 n, RecordView& out) {
+    out.m_rowid = rowid;
+    out.m_encoding = db.header.textEncoding;
+    out.m_payload = p;
+    out.m_payloadSize = n;
+    out.m_types.clear();
+    out.m_starts.clear();
     ByteCursor c(p, n);
     if (c.atEnd()) {
-        record.append(QVariant(qlonglong(rowid)));
-        return record;
+        out.m_starts.push_back(0);
+        return;
     }
     int consumed = 0;
     const qint64 headerSize = c.varint(&consumed);
-    types.clear();
     while (consumed < headerSize && !c.atEnd()) {
         int len = 0;
-        types.push_back(narrow32(c.varint(&len)));
+        out.m_types.push_back(narrow32(c.varint(&len)));
         consumed += len;
     }
     // Values follow the serial types directly; the header size is not used to reposition.
-    record.reserve(int(types.size()) + 1);
-    record.append(QVariant(qlonglong(rowid)));
-    const qint32 encoding = db.header.textEncoding;
-    for (int type : types)
-        record.append(SQliteCodec::value(c, type, nullptr, encoding));
-    return record;
+    qint64 at = c.pos();
+    out.m_starts.push_back(at);
+    for (int type : out.m_types) {
+        at += std::min(valueLength(type), std::max<qint64>(0, n - at));
+        out.m_starts.push_back(at);
+    }
 }
 
 QList<QVariant> SQliteScanner::recordAt(int page, unsigned short offset) {
@@ -106,36 +150,46 @@ QList<QVariant> SQliteScanner::recordAt(int page, unsigned short offset) {
     SQliteSource& src = sqliteSource(d->db);
     const qint64 pos = wrapped32Position(d->db.header.pageSize, page, offset);
     if (!src.canSeek(pos)) return {};
-    return d->decodeCell(src, pos);
+    d->decodeCell(src, pos, d->view);
+    return d->view.record();
 }
 
-bool SQliteScanner::Private::walkPage(int page, const RecordCallback& callback) {
+bool SQliteScanner::Private::walkPage(int page, const ViewCallback& callback) {
     const auto it = db.pages.constFind(page);
     if (it == db.pages.constEnd() || it->type != 13) return true;
     SQliteSource& src = sqliteSource(db);
     for (quint16 offset : it->cellOffsets) {
         const qint64 pos = wrapped32Position(db.header.pageSize, page, offset);
         if (!src.canSeek(pos)) continue;
-        const QList<QVariant> record = decodeCell(src, pos);
-        if (record.size() >= 2 && !callback(record)) return false;
+        decodeCell(src, pos, view);
+        // A record without a value is no record.
+        if (view.size() >= 1 && !callback(view)) return false;
     }
     return true;
 }
 
-bool SQliteScanner::forEachRecordInPage(int page, const RecordCallback& callback) {
-    return d->walkPage(page, callback);
+bool SQliteScanner::Private::walkTable(const QString& table, const ViewCallback& callback) {
+    const auto it = db.tables.constFind(table);
+    if (it == db.tables.constEnd()) return true;
+    const QList<int> pages = it->pages;
+    for (int i = 0; i < pages.size(); ++i) {
+        if (stopRequested(db)) return false;
+        if (!walkPage(pages.at(i), callback)) return false;
+        if (progress) progress(i + 1, pages.size());
+    }
+    return true;
+}
+
+bool SQliteScanner::forEachRecordView(const QString& table, const ViewCallback& callback) {
+    return d->walkTable(table, callback);
 }
 
 bool SQliteScanner::forEachRecord(const QString& table, const RecordCallback& callback) {
-    const auto it = d->db.tables.constFind(table);
-    if (it == d->db.tables.constEnd()) return true;
-    const QList<int> pages = it->pages;
-    for (int i = 0; i < pages.size(); ++i) {
-        if (stopRequested(d->db)) return false;
-        if (!d->walkPage(pages.at(i), callback)) return false;
-        if (d->progress) d->progress(i + 1, pages.size());
-    }
-    return true;
+    return d->walkTable(table, [&callback](const RecordView& view) { return callback(view.record()); });
+}
+
+bool SQliteScanner::forEachRecordInPage(int page, const RecordCallback& callback) {
+    return d->walkPage(page, [&callback](const RecordView& view) { return callback(view.record()); });
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -143,7 +197,8 @@ bool SQliteScanner::forEachRecord(const QString& table, const RecordCallback& ca
 
 namespace {
 
-// A varint read straight from a block, as the stream reader would read it there.
+// A varint read straight from a block, as the stream reader would read it there: up to nine
+// bytes, the ninth whole; 0 with length 0 at the end, the bits so far when cut short.
 inline qint64 varintAt(const uchar* data, qint64 size, qint64 pos, int* len) {
     if (pos >= size) {
         *len = 0;
@@ -154,8 +209,19 @@ inline qint64 varintAt(const uchar* data, qint64 size, qint64 pos, int* len) {
         *len = 1;
         return first;
     }
-    ByteCursor c(data, size, pos);
-    return c.varint(len);
+    quint64 value = first & 0x7F;
+    int n = 1;
+    while (pos + n < size) {
+        const uchar b = data[pos + n];
+        if (++n == 9) {
+            value = (value << 8) | b;
+            break;
+        }
+        value = (value << 7) | (b & 0x7F);
+        if (!(b & 0x80)) break;
+    }
+    *len = n;
+    return qint64(value);
 }
 
 } // namespace
@@ -168,13 +234,33 @@ bool SQliteScanner::Private::scan(const uchar* data, qint64 size, const SQliteCo
     const qint64 span = fields + (withHeader ? 2 : 0); // varints of a candidate
     const qint32 encoding = db.header.textEncoding;
 
+    // Candidates are first sifted 16 at a time; the window needs its candidates' first four
+    // varint bytes (and the one-byte rowid and header size before them) inside the block.
+    const qint64 windowEnd = size - SQliteCodec::Pattern::kSiftReach;
     qint64 pos = 0;
+    qint64 base = -16; // the window of candidates sifted last: base to base + 15
+    quint32 open = 0;
     while (pos < size) {
+        if (pos <= windowEnd) {
+            if (pos >= base + 16) {
+                base = pos;
+                open = pattern.candidates16(data + pos, withHeader);
+            }
+            const quint32 rest = open >> (pos - base);
+            if (!rest) {
+                pos = base + 16;
+                continue;
+            }
+            pos += qCountTrailingZeroBits(rest);
+        }
         // Quick refusals that give what the full test below would: inside a run of zero bytes
-        // every varint is 0, so the candidate is refused or all-NULL; and a one-byte first
-        // serial type that the pattern refuses.
+        // every varint is 0, so the candidate is refused or all-NULL; and a first serial type
+        // that the pattern refuses on sight of its first two bytes.
         if (data[pos] == 0) {
             qint64 end = pos;
+            quint64 word = 0;
+            while (end + 8 <= size && (std::memcpy(&word, data + end, 8), word == 0))
+                end += 8;
             while (end < size && data[end] == 0)
                 ++end;
             if (end == size) break;
@@ -184,8 +270,8 @@ bool SQliteScanner::Private::scan(const uchar* data, qint64 size, const SQliteCo
             }
         }
         const qint64 typeAt = withHeader ? pos + 2 : pos;
-        if (typeAt < size && data[typeAt] < 0x80 && !pattern.firstAcceptsByte(data[typeAt]) &&
-            (!withHeader || (data[pos] < 0x80 && data[pos + 1] < 0x80))) {
+        if (pos > windowEnd && typeAt < size && (!withHeader || (data[pos] < 0x80 && data[pos + 1] < 0x80)) &&
+            pattern.firstRefuses(data + typeAt, size - typeAt)) {
             ++pos;
             continue;
         }

@@ -18,6 +18,7 @@
 
 #include <functional>
 #include <memory>
+#include <vector>
 
 class SQliteDbUtil;
 
@@ -45,7 +46,34 @@ public:
         qint64 fileOffset() const { return blockStart + offset; }
     };
 
+    // One live record as it lies in the file, decoded only on request. Its values read exactly
+    // as the record's elements do (the documented readings: NULL as integer 0, the 24- and
+    // 48-bit quirks, values cut at the end of the payload); it lives during the callback only.
+    class UTILS_EXPORT RecordView {
+    public:
+        qint64 rowid() const { return m_rowid; }
+        int size() const { return int(m_types.size()); }
+        // The serial type of value i, narrowed to 32 bits as the record header is read.
+        int serialType(int i) const { return m_types[size_t(i)]; }
+        // The bytes that reading value i takes (fewer when the payload ends first).
+        const uchar* bytes(int i, qint64* n) const;
+        QVariant value(int i) const;
+        // The record as fetchRecordsInTable returns it: the rowid, then the values.
+        QList<QVariant> record() const;
+        qint32 textEncoding() const { return m_encoding; }
+
+    private:
+        friend class SQliteScanner;
+        qint64 m_rowid = 0;
+        qint32 m_encoding = 1;
+        const uchar* m_payload = nullptr;
+        qint64 m_payloadSize = 0;
+        std::vector<int> m_types;
+        std::vector<qint64> m_starts; // where each value's reading begins; one more for the end
+    };
+
     using RecordCallback = std::function<bool(const QList<QVariant>& record)>;
+    using ViewCallback = std::function<bool(const RecordView& record)>;
     using FoundCallback = std::function<bool(const QList<QVariant>& record, const Location& where)>;
     // Called after each page of a walk with the pages done and the pages to do.
     using ProgressCallback = std::function<void(int done, int total)>;
@@ -60,6 +88,8 @@ public:
     // Each walk returns false when it was ended early (the stop flag or a callback).
     bool forEachRecord(const QString& table, const RecordCallback& callback);
     bool forEachRecordInPage(int page, const RecordCallback& callback);
+    // The same walk with views: no value is decoded unless asked for.
+    bool forEachRecordView(const QString& table, const ViewCallback& callback);
     // The record of the cell at offset in a table leaf page, as fetchRecordInPage reads it.
     QList<QVariant> recordAt(int page, unsigned short offset);
 

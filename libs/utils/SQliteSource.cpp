@@ -27,12 +27,13 @@ bool SQliteSource::attach(QIODevice* device) {
     if (open)
         if (auto* file = qobject_cast<QFileDevice*>(device)) fd = file->handle();
 #endif
-    const qint64 size = open ? device->size() : 0;
-    if (device != m_device || fd != m_fd || size != m_size || open != m_open) {
+    // The size is asked once per device: a file being examined keeps its size while it is read.
+    if (device != m_device || fd != m_fd || (open && !m_sized)) {
         reset();
         m_device = device;
         m_fd = fd;
-        m_size = size;
+        m_size = open ? device->size() : 0;
+        m_sized = open;
     }
     m_open = open;
     return open;
@@ -44,6 +45,7 @@ void SQliteSource::reset() {
     m_device = nullptr;
     m_fd = -1;
     m_size = 0;
+    m_sized = false;
     m_open = false;
 }
 
@@ -111,4 +113,14 @@ const uchar* SQliteSource::bytes(qint64 pos, qint64 n, qint64* got) {
     w.lastUse = ++m_clock;
     *got = std::max<qint64>(0, std::min<qint64>(n, w.start + qint64(w.data.size()) - pos));
     return *got > 0 ? w.data.data() + (pos - w.start) : &kNothing;
+}
+
+ByteCursor SQliteSource::peek(qint64 pos, qint64 n) {
+    if (!m_open || pos < 0 || n <= 0 || pos >= m_size) return ByteCursor(&kNothing, 0);
+    n = std::min(n, m_size - pos);
+    for (Window& w : m_windows)
+        if (pos >= w.start && pos + n <= w.start + qint64(w.data.size()))
+            return ByteCursor(w.data.data() + (pos - w.start), n);
+    m_peek.resize(size_t(n));
+    return ByteCursor(m_peek.data(), readInto(pos, n, m_peek.data()));
 }

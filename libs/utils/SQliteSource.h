@@ -17,8 +17,8 @@ class QIODevice;
 class SQliteSource {
 public:
     // Binds to device (the reader's stream device, possibly none) for the operation that
-    // follows; forgets the cached bytes when the device or its size changed. Returns whether
-    // the device is open for reading.
+    // follows; forgets the cached bytes when the device changed. Returns whether the device is
+    // open for reading. reset() forgets everything (a new file, or a closed one).
     bool attach(QIODevice* device);
     void reset();
 
@@ -36,6 +36,9 @@ public:
         const uchar* p = bytes(pos, n, &got);
         return ByteCursor(p, got);
     }
+    // A few bytes read on their own, without filling the cache with what surrounds them (a
+    // page header when every page is indexed). Valid until the next peek.
+    ByteCursor peek(qint64 pos, qint64 n);
 
 private:
     struct Window {
@@ -49,11 +52,13 @@ private:
     QIODevice* m_device = nullptr;
     int m_fd = -1;
     bool m_open = false;
+    bool m_sized = false;
     qint64 m_size = 0;
     quint64 m_clock = 0;
     qint64 m_lastEnd = -1; // end of the last stretch read: the next one right after it reads ahead
     std::vector<Window> m_windows;
     std::vector<uchar> m_scratch;
+    std::vector<uchar> m_peek;
 };
 
 class SQliteDbUtil;

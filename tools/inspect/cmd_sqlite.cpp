@@ -1,7 +1,9 @@
 // tables, rows, recover, freelist: the raw SQLite reader and deleted-record recovery.
 #include "Command.h"
 
+#include "RecordWriter.h"
 #include "SQliteDbUtil.h"
+#include "SQliteScanner.h"
 
 #include <QElapsedTimer>
 #include <QFileInfo>
@@ -9,11 +11,6 @@
 #include <QJsonObject>
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
-#include <thread>
 
 using namespace inspect;
 
@@ -59,20 +56,6 @@ QStringList columnNames(const SQliteTable& table) {
     return names;
 }
 
-QJsonArray recordToJson(const QList<QVariant>& record) {
-    QJsonArray values;
-    for (const QVariant& v : record)
-        values.append(toJson(v));
-    return values;
-}
-
-QString recordToText(const QList<QVariant>& record) {
-    QStringList cells;
-    for (const QVariant& v : record)
-        cells << toText(v);
-    return cells.join(" | ");
-}
-
 QString pageList(const QList<int>& pages) {
     QStringList numbers;
     for (int p : pages)
@@ -93,35 +76,37 @@ bool checkPattern(const QString& pattern) {
     return true;
 }
 
-// Runs a long scan on a worker thread; while it runs, shows elapsed time on a terminal and
-// turns Ctrl-C into stopSearch(), after which the scan returns what it found so far.
-template <typename Scan> QList<QList<QVariant>> runScan(SQliteDbUtil& db, const QString& what, Scan scan) {
-    static SQliteDbUtil* current = nullptr;
-    current = &db;
-    installInterruptHandler([] {
-        if (current) current->stopSearch();
-    });
-    QList<QList<QVariant>> results;
-    std::mutex m;
-    std::condition_variable cv;
-    bool done = false;
-    std::thread worker([&] {
-        results = scan();
-        std::lock_guard<std::mutex> lock(m);
-        done = true;
-        cv.notify_one();
-    });
-    QElapsedTimer timer;
-    timer.start();
-    {
-        std::unique_lock<std::mutex> lock(m);
-        while (!cv.wait_for(lock, std::chrono::milliseconds(250), [&] { return done; }))
-            progress(QString("%1... %2 s (Ctrl-C stops)").arg(what).arg(timer.elapsed() / 1000.0, 0, 'f', 1));
+// While a walk over db runs: Ctrl-C asks it to stop (it ends before its next page, and what was
+// found is printed), and a terminal shows how far it got.
+class Walk {
+public:
+    Walk(SQliteDbUtil& db, SQliteScanner& scanner) {
+        static SQliteDbUtil* current = nullptr;
+        current = &db;
+        installInterruptHandler([] {
+            if (current) current->stopSearch();
+        });
+        m_timer.start();
+        scanner.setProgress([this](int done, int total) {
+            if (m_timer.elapsed() < m_shown + 250) return;
+            m_shown = m_timer.elapsed();
+            progress(QString("%1... page %2 of %3 (Ctrl-C stops)").arg(m_what).arg(done).arg(total));
+        });
     }
-    worker.join();
-    progress(QString());
-    current = nullptr;
-    return results;
+    ~Walk() { progress(QString()); }
+    void setWhat(const QString& what) { m_what = what; }
+
+private:
+    QElapsedTimer m_timer;
+    qint64 m_shown = 0;
+    QString m_what = "reading";
+};
+
+int finishWalk(RecordWriter& writer) {
+    writer.finish();
+    if (!interrupted()) return Ok;
+    fail("interrupted: the results above are incomplete");
+    return 130;
 }
 
 int runTables(const QStringList& argv) {
@@ -176,45 +161,35 @@ int runRows(const QStringList& argv) {
     const QString name = args.positional().at(1);
     if (!db.tables.contains(name))
         return fail(QString("%1: no table named '%2'").arg(args.positional().at(0), name));
-    const QList<QList<QVariant>> records = db.fetchRecordsInTable(name);
-    if (args.has("--json")) {
-        QJsonArray list;
-        for (const auto& r : records)
-            list.append(recordToJson(r));
-        printJson(list);
-        return Ok;
-    }
-    out("rowid | " + columnNames(db.tables.value(name)).join(" | "));
-    for (const auto& r : records)
-        out(recordToText(r));
-    out(QString("(%1 rows)").arg(records.size()));
-    return Ok;
+    RecordWriter writer(args.has("--json"));
+    writer.line("rowid | " + columnNames(db.tables.value(name)).join(" | "));
+    SQliteScanner scanner(db);
+    Walk walk(db, scanner);
+    walk.setWhat("reading " + name);
+    scanner.forEachRecordView(name, [&writer](const SQliteScanner::RecordView& record) {
+        writer.record(record);
+        return true;
+    });
+    writer.line(QString("(%1 rows)").arg(writer.count()));
+    return finishWalk(writer);
 }
 
-// Prints recovered records, text or JSON, each tagged with where it was found.
-int printRecovered(const QList<QPair<QString, QList<QList<QVariant>>>>& groups, bool json, bool withHeader,
-                   bool wasInterrupted) {
-    if (json) {
-        QJsonArray list;
-        for (const auto& g : groups)
-            for (const auto& r : g.second)
-                list.append(QJsonObject{{"source", g.first}, {"values", recordToJson(r)}});
-        printJson(list);
-    } else {
-        for (const auto& g : groups) {
-            out(QString("-- %1: %2 candidate records%3")
-                    .arg(g.first)
-                    .arg(g.second.size())
-                    .arg(withHeader ? " (first value: rowid)" : ""));
-            for (const auto& r : g.second)
-                out(recordToText(r));
-        }
-    }
-    if (wasInterrupted) {
-        fail("interrupted: the results above are incomplete");
-        return 130;
-    }
-    return Ok;
+// Streams the documented scan's candidates, text or JSON, each tagged with where it was found.
+void printScan(RecordWriter& writer, Walk& walk, const QString& source, bool withHeader,
+               const std::function<bool(const SQliteScanner::FoundCallback&)>& scan) {
+    if (interrupted()) return;
+    walk.setWhat("searching " + source);
+    writer.line(QString("-- %1%2").arg(source, withHeader ? " (first value: rowid)" : ""));
+    const qint64 before = writer.count();
+    const QVariant tag(source);
+    scan([&](const QList<QVariant>& record, const SQliteScanner::Location&) {
+        if (writer.json())
+            writer.object({{"source", tag}}, record);
+        else
+            writer.record(record);
+        return true;
+    });
+    writer.line(QString("(%1 candidate records)").arg(writer.count() - before));
 }
 
 int runRecover(const QStringList& argv) {
@@ -228,15 +203,18 @@ int runRecover(const QStringList& argv) {
     if (!openDb(db, path)) return Failed;
     if (!db.tables.contains(name)) return fail(QString("%1: no table named '%2'").arg(path, name));
     const bool withHeader = args.has("--with-header");
-    QList<QPair<QString, QList<QList<QVariant>>>> groups;
-    groups.append({name + " (gaps and freeblocks)", runScan(db, "searching " + name, [&] {
-                       return db.searchLostRecord(name, pattern, withHeader);
-                   })});
-    if (args.has("--free-list") && !interrupted())
-        groups.append({"free-list pages", runScan(db, "searching free pages", [&] {
-                           return db.searchLostRecordInFreeSpace(pattern, withHeader);
-                       })});
-    return printRecovered(groups, args.has("--json"), withHeader, interrupted());
+    RecordWriter writer(args.has("--json"));
+    SQliteScanner scanner(db);
+    Walk walk(db, scanner);
+    printScan(writer, walk, name + " (gaps and freeblocks)", withHeader,
+              [&](const SQliteScanner::FoundCallback& f) {
+                  return scanner.forEachLostRecord(name, pattern, withHeader, f);
+              });
+    if (args.has("--free-list"))
+        printScan(writer, walk, "free-list pages", withHeader, [&](const SQliteScanner::FoundCallback& f) {
+            return scanner.forEachLostRecordInFreeSpace(pattern, withHeader, f);
+        });
+    return finishWalk(writer);
 }
 
 int runFreelist(const QStringList& argv) {
@@ -248,12 +226,14 @@ int runFreelist(const QStringList& argv) {
     SQliteDbUtil db;
     if (!openDb(db, path)) return Failed;
     const bool withHeader = args.has("--with-header");
-    if (!args.has("--json")) out(QString("free-list pages: [%1]").arg(pageList(db.freeListPages)));
-    QList<QPair<QString, QList<QList<QVariant>>>> groups;
-    groups.append({"free-list pages", runScan(db, "searching free pages", [&] {
-                       return db.searchLostRecordInFreeSpace(pattern, withHeader);
-                   })});
-    return printRecovered(groups, args.has("--json"), withHeader, interrupted());
+    RecordWriter writer(args.has("--json"));
+    writer.line(QString("free-list pages: [%1]").arg(pageList(db.freeListPages)));
+    SQliteScanner scanner(db);
+    Walk walk(db, scanner);
+    printScan(writer, walk, "free-list pages", withHeader, [&](const SQliteScanner::FoundCallback& f) {
+        return scanner.forEachLostRecordInFreeSpace(pattern, withHeader, f);
+    });
+    return finishWalk(writer);
 }
 
 const Registration
@@ -261,11 +241,12 @@ const Registration
                    "Lists the tables of an SQLite database read without the engine: name, root page,\n"
                    "leaf pages and column names.\n  --json  one JSON array of tables",
                    runTables});
-const Registration
-    rowsCommand({"rows", "rows DB TABLE [--json]",
-                 "Prints the live rows of TABLE in rowid order: rowid first, then the columns.\n"
-                 "NULL reads as 0. --json prints one array of records (blobs as base64).",
-                 runRows});
+const Registration rowsCommand(
+    {"rows", "rows DB TABLE [--json]",
+     "Prints the live rows of TABLE in rowid order: rowid first, then the columns.\n"
+     "NULL reads as 0. Rows are printed as they are read, in constant memory.\n"
+     "--json prints one array of records (blobs as base64). Ctrl-C stops and keeps what was printed.",
+     runRows});
 const Registration recoverCommand(
     {"recover", "recover DB TABLE PATTERN [--with-header] [--free-list] [--json]",
      QString("Searches the unallocated gaps and freeblocks of TABLE's leaf pages for the remains of deleted\n"
