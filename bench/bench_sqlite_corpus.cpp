@@ -133,6 +133,22 @@ void BM_RecoveryScan(benchmark::State& state) {
 }
 BENCHMARK(BM_RecoveryScan)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->MinTime(3.0);
 
+// The same scan through SQliteScanner, each candidate dropped once seen.
+void BM_ScannerRecoveryScan(benchmark::State& state) {
+    SQliteDbUtil reader;
+    reader.loadDb(corpus());
+    const bool withHeader = state.range(0) != 0;
+    qint64 found = 0;
+    auto count = [&found](const QList<QVariant>&, const SQliteScanner::Location&) { return ++found, true; };
+    for (auto _ : state) {
+        SQliteScanner scanner(reader);
+        scanner.forEachLostRecord(kTable, kPattern, withHeader, count);
+        scanner.forEachLostRecordInFreeSpace(kPattern, withHeader, count);
+    }
+    state.counters["found"] = double(found) / double(state.iterations());
+}
+BENCHMARK(BM_ScannerRecoveryScan)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->MinTime(3.0);
+
 } // namespace
 
 BENCHMARK_MAIN();

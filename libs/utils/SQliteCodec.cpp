@@ -110,7 +110,7 @@ SQliteCodec::Pattern::Pattern(const QString& pattern) : m_codes(size_t(pattern.s
             uchar((letterAccepts(m_codes[i], 128) ? 1 : 0) | (letterAccepts(m_codes[i], 129) ? 2 : 0) |
                   (letterAccepts(m_codes[i], -1) ? 4 : 0));
     }
-    for (size_t i = 0; i < 2 && i < m_codes.size(); ++i) {
+    for (size_t i = 0; i < 4 && i < m_codes.size(); ++i) {
         Letter& f = m_letters[i];
         const ushort code = m_codes[i];
         if (code >= '0' && code <= '9') {
@@ -195,31 +195,37 @@ quint32 SQliteCodec::Pattern::types16(const uchar* p, int index) const {
 quint32 SQliteCodec::Pattern::candidates16(const uchar* p, bool withHeader) const {
     if (!withHeader) {
         quint32 open = types16(p, 0);
-        if (open && m_codes.size() > 1) {
-            // After a one-byte first serial type the second starts at the next byte.
-            quint32 longFirst = 0;
+        quint32 shortSoFar = 0xFFFF; // the serial types before letter k were one byte each
+        for (int k = 1; k < 4 && k < size() && open; ++k) {
+            quint32 highs = 0;
 #if defined(__SSE2__)
-            longFirst = quint32(_mm_movemask_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p))));
+            highs = quint32(_mm_movemask_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + k - 1))));
 #else
             for (int i = 0; i < 16; ++i)
-                longFirst |= quint32(p[i] >> 7) << i;
+                highs |= quint32(p[i + k - 1] >> 7) << i;
 #endif
-            open &= longFirst | types16(p + 1, 1);
+            shortSoFar &= ~highs;
+            open &= (~shortSoFar & 0xFFFF) | types16(p + k, k);
         }
         return open;
     }
-    // Past a one-byte rowid and header size the first serial type is at p + 2; a longer one
-    // leaves the candidate open.
-    quint32 longer = 0;
+    // The first serial type follows the rowid and the header size: at p + 2 when both are one
+    // byte, at p + 3 or p + 4 when they take three or four bytes together. Longer ones leave
+    // the candidate open.
+    quint32 h[4] = {0, 0, 0, 0}; // bit i: byte p + k + i has its top bit set (the varint goes on)
+    for (int k = 0; k < 4; ++k) {
 #if defined(__SSE2__)
-    longer =
-        quint32(_mm_movemask_epi8(_mm_or_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)),
-                                               _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 1)))));
+        h[k] = quint32(_mm_movemask_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + k))));
 #else
-    for (int i = 0; i < 16; ++i)
-        longer |= quint32((p[i] | p[i + 1]) >> 7) << i;
+        for (int i = 0; i < 16; ++i)
+            h[k] |= quint32(p[i + k] >> 7) << i;
 #endif
-    return longer | types16(p + 2, 0);
+    }
+    const quint32 at2 = ~h[0] & ~h[1] & 0xFFFF;
+    const quint32 at3 = (h[0] & ~h[1] & ~h[2]) | (~h[0] & h[1] & ~h[2]);
+    const quint32 at4 = ((h[0] & ~h[1] & h[2]) | (h[0] & h[1] & ~h[2]) | (~h[0] & h[1] & h[2])) & ~h[3];
+    const quint32 longer = ~(at2 | at3 | at4) & 0xFFFF;
+    return longer | (at2 & types16(p + 2, 0)) | (at3 & types16(p + 3, 0)) | (at4 & types16(p + 4, 0));
 }
 
 bool SQliteCodec::letterAccepts(ushort code, int serialType) {

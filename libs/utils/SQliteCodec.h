@@ -33,13 +33,13 @@ public:
             const uchar large = m_large[size_t(index)];
             return serialType < 0 ? (large & 4) : (large & (serialType % 2 ? 2 : 1));
         }
-        static constexpr int kSiftReach = 22; // bytes candidates16 reads from p
+        static constexpr int kSiftReach = 23; // bytes candidates16 reads from p
         // One bit for each of the 16 candidates starting at p to p + 15, set unless the first
-        // two letters refuse the candidate's first two serial types on sight: a one-byte
-        // serial type a letter refuses, or one of two to four bytes (128 or more) of a parity
-        // it refuses (the second is looked at only after a one-byte first). Reads p[0] to
-        // p[19]. With the header flag the candidate's rowid and header size come first, and
-        // only one-byte ones are looked through (p[0] to p[21] are read).
+        // letters refuse the candidate's first serial types on sight: a one-byte serial type
+        // a letter refuses, or one of two to four bytes (128 or more) of a parity it refuses.
+        // Up to four letters are looked at, each only after one-byte serial types before it.
+        // With the header flag only the first letter is, after a rowid and a header size of
+        // up to four bytes together. Reads p[0] to p[kSiftReach - 1].
         quint32 candidates16(const uchar* p, bool withHeader) const;
         // Whether the first letter refuses the serial type of the varint at p (avail bytes
         // from p to the end of the block), when its first two bytes tell; false otherwise.
@@ -60,7 +60,7 @@ public:
             uchar equal1 = 0xFF, equal2 = 0xFF, hi = 0, ex = 0xFF, lo = 0xFF, parity = 0;
             bool upTo = false, from = false;
             bool vector = false; // the sets give the same answers as the table
-        } m_letters[2];
+        } m_letters[4];
         quint32 types16(const uchar* p, int index) const;
     };
 };
