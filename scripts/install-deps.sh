@@ -8,6 +8,7 @@ packages=(
   libplist-dev libprotobuf-dev protobuf-compiler
   libavformat-dev libssl-dev zlib1g-dev
   libsqlite3-dev sqlite3 googletest libgtest-dev libgmock-dev libbenchmark-dev
+  python3 time
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -34,8 +34,19 @@ struct SQliteScanner::Private {
 
     bool decodeCell(SQliteSource& src, qint64 pos, RecordView& out);
     void readPayload(qint64 rowid, const uchar* p, qint64 n, RecordView& out);
+    // A block by position in the file: the unallocated gap or a freeblock of a page.
+    struct Span {
+        Region region;
+        qint64 start;
+        qint64 length;
+    };
+    std::vector<Span> spans;
+    void spansInPage(SQliteSource& src, int page);
+
+    // Scans a block; when the block lies in the reader's cache (source given), it is read
+    // again from there after a callback that made the cache move.
     bool scan(const uchar* data, qint64 size, const SQliteCodec::Pattern& pattern, bool withHeader,
-              Location where, const FoundCallback& callback);
+              Location where, const FoundCallback& callback, SQliteSource* source = nullptr);
     bool walkPage(int page, const ViewCallback& callback);
     bool walkTable(const QString& table, const ViewCallback& callback);
 };
@@ -227,7 +238,9 @@ inline qint64 varintAt(const uchar* data, qint64 size, qint64 pos, int* len) {
 } // namespace
 
 bool SQliteScanner::Private::scan(const uchar* data, qint64 size, const SQliteCodec::Pattern& pattern,
-                                  bool withHeader, Location where, const FoundCallback& callback) {
+                                  bool withHeader, Location where, const FoundCallback& callback,
+                                  SQliteSource* source) {
+    quint64 generation = source ? source->generation() : 0;
     const int fields = pattern.size();
     if (size <= 0 || fields == 0) return true; // with no serial types every candidate is all-NULL
     types.resize(size_t(fields));
@@ -325,6 +338,12 @@ bool SQliteScanner::Private::scan(const uchar* data, qint64 size, const SQliteCo
         }
         where.offset = pos;
         if (!callback(record, where)) return false;
+        if (source && source->generation() != generation) {
+            qint64 got = 0;
+            data = source->bytes(where.blockStart, size, &got);
+            generation = source->generation();
+            if (got != size) return true; // the reader was closed under the walk
+        }
         pos = pos + consumed + 1;
     }
     return true;
@@ -337,28 +356,22 @@ bool SQliteScanner::searchBlock(const QByteArray& block, const QString& pattern,
                    SQliteCodec::Pattern(pattern), withHeader, Location(), callback);
 }
 
-QList<SQliteScanner::Area> SQliteScanner::areasInPage(int page) {
-    QList<Area> areas;
-    SQliteDbUtil& db = d->db;
+void SQliteScanner::Private::spansInPage(SQliteSource& src, int page) {
+    spans.clear();
     const auto it = db.pages.constFind(page);
-    if (it == db.pages.constEnd() || it->type != 13) return areas;
-    SQliteSource& src = sqliteSource(db);
+    if (it == db.pages.constEnd() || it->type != 13) return;
     const quint32 pageSize = db.header.pageSize;
-    qint64 got = 0;
 
     // The unallocated gap: from the end of the cell pointer array (the database header of
     // page 1 is not counted) to the start of the cell content area.
     const qint64 start = pagePosition(pageSize, page) + 8 + 2 * qint64(it->cellCount);
     const qint64 contentStart = it->cellContentStart == 0 ? 65536 : it->cellContentStart;
     const qint64 length = contentStart - 8 - 2 * qint64(it->cellCount);
-    if (length > 0 && src.canSeek(start)) {
-        const uchar* p = src.bytes(start, length, &got);
-        areas.append({Gap, page, start, QByteArray(reinterpret_cast<const char*>(p), int(got))});
-    }
+    if (length > 0 && src.canSeek(start)) spans.push_back({Gap, start, length});
 
     // The freeblocks, each read from after its 4-byte header for the whole size that header
     // gives, which counts the header itself: every block runs 4 bytes past the freeblock's end.
-    if (it->firstFreeblock == 0) return areas;
+    if (it->firstFreeblock == 0) return;
     QSet<int> seen;
     int offset = it->firstFreeblock;
     while (offset != 0 && !seen.contains(offset)) {
@@ -370,12 +383,19 @@ QList<SQliteScanner::Area> SQliteScanner::areasInPage(int page) {
         ByteCursor c = src.cursor(at, 4);
         const int next = qint16(c.u16());
         const int size = qint16(c.u16());
-        const qint64 blockStart = at + c.pos();
-        const uchar* p = src.bytes(blockStart, size, &got);
-        areas.append(
-            {Freeblock, page, blockStart,
-             size > 0 ? QByteArray(reinterpret_cast<const char*>(p), int(got)) : QByteArray(0, '\0')});
+        spans.push_back({Freeblock, at + c.pos(), std::max(0, size)});
         offset = next;
+    }
+}
+
+QList<SQliteScanner::Area> SQliteScanner::areasInPage(int page) {
+    QList<Area> areas;
+    SQliteSource& src = sqliteSource(d->db);
+    d->spansInPage(src, page);
+    for (const Private::Span& span : d->spans) {
+        qint64 got = 0;
+        const uchar* p = src.bytes(span.start, span.length, &got);
+        areas.append({span.region, page, span.start, QByteArray(reinterpret_cast<const char*>(p), int(got))});
     }
     return areas;
 }
@@ -388,11 +408,14 @@ bool SQliteScanner::forEachLostRecord(const QString& table, const QString& patte
     const QList<int> pages = it->pages;
     for (int i = 0; i < pages.size(); ++i) {
         if (stopRequested(d->db)) return false;
-        for (const Area& area : areasInPage(pages.at(i))) {
-            const Location where{area.region, area.page, area.start, 0};
-            if (!d->scan(reinterpret_cast<const uchar*>(area.bytes.constData()), area.bytes.size(), compiled,
-                         withHeader, where, callback))
-                return false;
+        SQliteSource& src = sqliteSource(d->db);
+        d->spansInPage(src, pages.at(i));
+        const std::vector<Private::Span> spans = d->spans;
+        for (const Private::Span& span : spans) {
+            qint64 got = 0;
+            const uchar* p = src.bytes(span.start, span.length, &got);
+            const Location where{span.region, pages.at(i), span.start, 0};
+            if (!d->scan(p, got, compiled, withHeader, where, callback, &src)) return false;
         }
         if (d->progress) d->progress(i + 1, pages.size());
     }
@@ -405,7 +428,6 @@ bool SQliteScanner::forEachLostRecordInFreeSpace(const QString& pattern, bool wi
     const SQliteCodec::Pattern compiled(pattern);
     const qint64 length = qint64(db.header.pageSize) - db.header.reservedSpace - 12;
     const QList<int> pages = db.freeListPages;
-    QByteArray block;
     for (int i = 0; i < pages.size(); ++i) {
         if (stopRequested(db)) return false;
         // The first 12 bytes of every free page (trunk or leaf) are skipped.
@@ -415,11 +437,8 @@ bool SQliteScanner::forEachLostRecordInFreeSpace(const QString& pattern, bool wi
         if (page >= 1 && length > 0 && src.canSeek(start)) {
             qint64 got = 0;
             const uchar* p = src.bytes(start, length, &got);
-            block = QByteArray(reinterpret_cast<const char*>(p), int(got)); // held while the callbacks run
             const Location where{FreePage, page, start, 0};
-            if (!d->scan(reinterpret_cast<const uchar*>(block.constData()), block.size(), compiled,
-                         withHeader, where, callback))
-                return false;
+            if (!d->scan(p, got, compiled, withHeader, where, callback, &src)) return false;
         }
         if (d->progress) d->progress(i + 1, pages.size());
     }

@@ -40,6 +40,7 @@ bool SQliteSource::attach(QIODevice* device) {
 }
 
 void SQliteSource::reset() {
+    ++m_generation;
     m_windows.clear();
     m_lastEnd = -1;
     m_device = nullptr;
@@ -83,6 +84,7 @@ SQliteSource::Window& SQliteSource::load(qint64 start, qint64 length) {
         slot = &*std::min_element(m_windows.begin(), m_windows.end(),
                                   [](const Window& a, const Window& b) { return a.lastUse < b.lastUse; });
     }
+    ++m_generation;
     slot->data.resize(size_t(length));
     slot->data.resize(size_t(readInto(start, length, slot->data.data())));
     slot->start = start;
@@ -102,6 +104,7 @@ const uchar* SQliteSource::bytes(qint64 pos, qint64 n, qint64* got) {
         }
     }
     if (n > kLargest) {
+        ++m_generation;
         m_scratch.resize(size_t(n));
         *got = readInto(pos, n, m_scratch.data());
         return m_scratch.data();

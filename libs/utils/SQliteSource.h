@@ -36,6 +36,8 @@ public:
         const uchar* p = bytes(pos, n, &got);
         return ByteCursor(p, got);
     }
+    // Changes whenever a pointer handed out by bytes() may have gone stale.
+    quint64 generation() const { return m_generation; }
     // A few bytes read on their own, without filling the cache with what surrounds them (a
     // page header when every page is indexed). Valid until the next peek.
     ByteCursor peek(qint64 pos, qint64 n);
@@ -55,6 +57,7 @@ private:
     bool m_sized = false;
     qint64 m_size = 0;
     quint64 m_clock = 0;
+    quint64 m_generation = 0;
     qint64 m_lastEnd = -1; // end of the last stretch read: the next one right after it reads ahead
     std::vector<Window> m_windows;
     std::vector<uchar> m_scratch;
