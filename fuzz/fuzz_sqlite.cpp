@@ -1,5 +1,6 @@
-// Loads arbitrary bytes as a database file and runs every traversal and search over it.
+// Loads arbitrary bytes as a database file and runs every traversal, view and search over it.
 #include "SQliteDbUtil.h"
+#include "SQliteScanner.h"
 
 #include <QFile>
 #include <QTemporaryFile>
@@ -17,8 +18,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     SQliteDbUtil reader;
     if (!reader.loadDb(file.fileName())) return 0;
+    SQliteScanner scanner(reader);
     for (const SQliteTable& t : reader.fetchAllTable()) {
         reader.fetchRecordsInTable(t.name);
+        scanner.forEachRecordView(t.name, [](const SQliteScanner::RecordView& view) {
+            for (int i = 0; i < view.size(); ++i) {
+                qint64 n = 0;
+                view.bytes(i, &n);
+                view.value(i);
+            }
+            return true;
+        });
         reader.searchLostRecord(t.name, "isbd", true);
         reader.searchLostRecord(t.name, "nsf", false);
     }

@@ -5,6 +5,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QJsonParseError>
 #include <QTemporaryDir>
 
 namespace {
@@ -50,20 +51,31 @@ TEST(ToolSqlite, TablesRowsAndRecoveryOnTheSample) {
     EXPECT_TRUE(contact.out.contains("\"Oskar Lind\" | \"+46 70 123 45 67\""));
 }
 
-TEST(ToolSqlite, BlobsAsBase64AndFreeList) {
+TEST(ToolSqlite, ValuesKeepTheirTypesAndTextSurvivesEscaping) {
     QTemporaryDir dir;
     const QString path = dir.filePath("b.db");
+    const QString tricky = QString::fromUtf8("a\"b\\c\nd\te\x01 \xc3\xa9 \xf0\x9f\x98\x80");
     {
         fixtures::EngineDb db(path);
-        db.exec("PRAGMA secure_delete=OFF; CREATE TABLE b(x BLOB, r REAL); INSERT INTO b VALUES (x'00ff10', "
-                "2.5);");
+        db.exec("PRAGMA secure_delete=OFF; CREATE TABLE b(x BLOB, r REAL, t TEXT);");
+        db.exec("INSERT INTO b VALUES (x'00ff10', 2.5, CAST(x'ff41' AS TEXT)), (NULL, 1e999, '" +
+                QString(tricky).replace("'", "''") + "')");
     }
+    // Streamed JSON: blobs as base64, the reader's NULL as 0, infinity as null, text intact
+    // (invalid UTF-8 arrives as replacement characters).
     const ToolRun rows = runTool({"rows", path, "b", "--json"});
     ASSERT_EQ(rows.code, 0);
-    const QJsonArray rec = QJsonDocument::fromJson(rows.out).array().first().toArray();
-    EXPECT_EQ(rec.at(1).toString(), QString("AP8Q"));
-    EXPECT_EQ(rec.at(2).toDouble(), 2.5);
-    EXPECT_TRUE(runTool({"rows", path, "b"}).out.contains("x'00ff10' | 2.5"));
+    QJsonParseError error;
+    const QJsonArray records = QJsonDocument::fromJson(rows.out, &error).array();
+    ASSERT_EQ(error.error, QJsonParseError::NoError) << rows.out.toStdString();
+    EXPECT_EQ(records.at(0).toArray(), (QJsonArray{1, "AP8Q", 2.5,
+                                                   QString::fromUtf8("\xef\xbf\xbd"
+                                                                     "A")}));
+    EXPECT_EQ(records.at(1).toArray(), (QJsonArray{2, 0, QJsonValue::Null, tricky}));
+    const ToolRun text = runTool({"rows", path, "b"});
+    EXPECT_TRUE(text.out.contains("1 | x'00ff10' | 2.5 | \""));
+    EXPECT_TRUE(text.out.contains("\\nd\\te")) << text.out.toStdString();
+    EXPECT_TRUE(text.out.endsWith("(2 rows)\n"));
     const ToolRun freeList = runTool({"freelist", path, "bf"});
     EXPECT_EQ(freeList.code, 0);
     EXPECT_TRUE(freeList.out.startsWith("free-list pages: []"));
