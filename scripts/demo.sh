@@ -15,9 +15,8 @@ rows=$("$tool" rows "$db" message)
 sed -n '1,26p' <<< "$rows"
 echo "... $(tail -n 1 <<< "$rows")"
 echo
-echo "== deleted messages: whole cells left in unallocated space and on free-list pages =="
-"$tool" recover "$db" message iissii --with-header --free-list
+echo "== deleted messages, with the page and offset where each lay (gaps, freeblocks, free pages) =="
+"$tool" recover "$db" message
 echo
-echo "== deleted messages and contacts in freeblocks (the cell's first 4 bytes are overwritten) =="
-"$tool" recover "$db" message issii
-"$tool" recover "$db" contact sss
+echo "== the deleted contact =="
+"$tool" recover "$db" contact

@@ -19,8 +19,9 @@ namespace fixtures {
 // A database made by the real engine; exec() runs SQL on it while it is open.
 class EngineDb {
 public:
-    explicit EngineDb(const QString& path) : m_path(path) {
-        QFile::remove(path);
+    // A new database at path, or with fresh false the one already there.
+    explicit EngineDb(const QString& path, bool fresh = true) : m_path(path) {
+        if (fresh) QFile::remove(path);
         if (sqlite3_open(path.toUtf8().constData(), &m_db) != SQLITE_OK)
             ADD_FAILURE() << "cannot create " << path.toStdString();
     }

@@ -32,7 +32,7 @@ TEST(ToolSqlite, TablesRowsAndRecoveryOnTheSample) {
     EXPECT_TRUE(first.at(5).isDouble());
 
     const ToolRun recovered =
-        runTool({"recover", kSample, "message", "iissii", "--with-header", "--free-list", "--json"});
+        runTool({"recover", kSample, "message", "iissii", "--raw", "--with-header", "--free-list", "--json"});
     ASSERT_EQ(recovered.code, 0);
     bool accountNumber = false, fromFreePage = false;
     for (const QJsonValue& v : QJsonDocument::fromJson(recovered.out).array()) {
@@ -46,9 +46,33 @@ TEST(ToolSqlite, TablesRowsAndRecoveryOnTheSample) {
     EXPECT_TRUE(accountNumber);
     EXPECT_TRUE(fromFreePage);
 
-    const ToolRun contact = runTool({"recover", kSample, "contact", "sss"});
+    const ToolRun contact = runTool({"recover", kSample, "contact", "sss", "--raw"});
     EXPECT_EQ(contact.code, 0);
     EXPECT_TRUE(contact.out.contains("\"Oskar Lind\" | \"+46 70 123 45 67\""));
+
+    // Records with where they lay, in declared column order, NULL as NULL.
+    const ToolRun text = runTool({"recover", kSample, "contact"});
+    EXPECT_TRUE(
+        text.out.contains("page 2, offset 846, freeblock: NULL | \"Oskar Lind\" | \"+46 70 123 45 67\""))
+        << text.out.toStdString();
+    const QJsonArray json =
+        QJsonDocument::fromJson(runTool({"recover", kSample, "message", "--json"}).out).array();
+    bool reassembledRowid = false;
+    for (const QJsonValue& v : json) {
+        const QJsonObject o = v.toObject();
+        EXPECT_EQ(o.value("verdict").toString(), QString("recovered"));
+        EXPECT_EQ(o.value("values").toArray().size(), 6);
+        if (o.value("rowid").toInt() == 85)
+            reassembledRowid = o.value("values").toArray().at(0).toInt() == 85 &&
+                               o.value("region") == "free page" && o.value("page").toInt() > 0 &&
+                               o.value("offset").toInt() > 0;
+    }
+    EXPECT_TRUE(reassembledRowid);
+    const ToolRun all = runTool({"recover", kSample, "message", "--all", "--csv"});
+    EXPECT_TRUE(
+        all.out.startsWith("page,offset,region,verdict,reasons,rowid,overflow,id,chat_id,sender,body,sent_at,"
+                           "is_from_me\r\n"));
+    EXPECT_TRUE(all.out.contains(",held,live,"));
 }
 
 TEST(ToolSqlite, ValuesKeepTheirTypesAndTextSurvivesEscaping) {
@@ -93,8 +117,12 @@ TEST(ToolSqlite, BadInputGivesOneLineAndNonZeroExit) {
         {{"tables", "/nonexistent/x.db"}, 1, "no such file"},
         {{"tables", QString(UTILS_SOURCE_DIR)}, 1, "is a folder"},
         {{"rows", kSample, "nope"}, 1, "no table named 'nope'"},
-        {{"recover", kSample, "message", "iqs"}, 2, "bad pattern letter 'q' at position 2"},
-        {{"recover", kSample, "message", ""}, 2, "empty pattern"},
+        {{"recover", kSample, "message", "iqs", "--raw"}, 2, "bad pattern letter 'q' at position 2"},
+        {{"recover", kSample, "message", "", "--raw"}, 2, "empty pattern"},
+        {{"recover", kSample, "message", "ndd"},
+         2,
+         "the pattern has 3 letters, table 'message' has 6 columns"},
+        {{"recover", kSample, "message", "--with-header"}, 2, "--with-header belongs to --raw"},
         {{"rows", kSample}, 2, "missing argument"},
         {{"tables", kSample, "--bogus"}, 2, "unknown option --bogus"},
         {{"frobnicate"}, 2, "unknown command"},
@@ -108,5 +136,5 @@ TEST(ToolSqlite, BadInputGivesOneLineAndNonZeroExit) {
     }
     const ToolRun help = runTool({"recover", "--help"});
     EXPECT_EQ(help.code, 0);
-    EXPECT_TRUE(help.out.startsWith("usage: utils-inspect recover DB TABLE PATTERN"));
+    EXPECT_TRUE(help.out.startsWith("usage: utils-inspect recover DB TABLE [PATTERN]"));
 }

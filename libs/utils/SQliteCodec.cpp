@@ -98,17 +98,23 @@ QVariant SQliteCodec::value(ByteCursor& c, qint64 serialType, int* len, qint32 e
     return QVariant(text(p, got, encoding));
 }
 
-SQliteCodec::Pattern::Pattern(const QString& pattern) : m_codes(size_t(pattern.size())) {
+bool SQliteCodec::extendedLetterAccepts(ushort code, int serialType) {
+    if (code == 't') return serialType == 0 || serialType >= 12;
+    if (code == 'a') return (serialType >= 0 && serialType <= 9) || serialType >= 12;
+    return letterAccepts(code, serialType);
+}
+
+SQliteCodec::Pattern::Pattern(const QString& pattern, bool extended) : m_codes(size_t(pattern.size())) {
+    const auto accepts = extended ? &extendedLetterAccepts : &letterAccepts;
     for (int i = 0; i < pattern.size(); ++i)
         m_codes[size_t(i)] = pattern.at(i).unicode();
     m_small.resize(m_codes.size() * 128);
     m_large.resize(m_codes.size());
     for (size_t i = 0; i < m_codes.size(); ++i) {
         for (int t = 0; t < 128; ++t)
-            m_small[i * 128 + size_t(t)] = letterAccepts(m_codes[i], t);
-        m_large[i] =
-            uchar((letterAccepts(m_codes[i], 128) ? 1 : 0) | (letterAccepts(m_codes[i], 129) ? 2 : 0) |
-                  (letterAccepts(m_codes[i], -1) ? 4 : 0));
+            m_small[i * 128 + size_t(t)] = accepts(m_codes[i], t);
+        m_large[i] = uchar((accepts(m_codes[i], 128) ? 1 : 0) | (accepts(m_codes[i], 129) ? 2 : 0) |
+                           (accepts(m_codes[i], -1) ? 4 : 0));
     }
     for (size_t i = 0; i < 4 && i < m_codes.size(); ++i) {
         Letter& f = m_letters[i];
@@ -127,12 +133,19 @@ SQliteCodec::Pattern::Pattern(const QString& pattern) : m_codes(size_t(pattern.s
         } else if (code == 'f' || code == 'n') {
             f.equal1 = 0;
             f.equal2 = code == 'f' ? 7 : 0xFF;
+        } else if (extended && (code == 't' || code == 'a')) {
+            f.equal1 = 0;
+            f.from = true;
+            f.lo = 12;
+            f.anyParity = true;
+            f.upTo = code == 'a';
+            f.hi = 9;
         }
         // The vector test stands in for the table only where it gives the same answers.
         bool same = true;
         for (int b = 0; b < 128; ++b) {
             const bool vector = b == f.equal1 || b == f.equal2 || (f.upTo && b <= f.hi && b != f.ex) ||
-                                (f.from && b >= f.lo && (b & 1) == f.parity);
+                                (f.from && b >= f.lo && (f.anyParity || (b & 1) == f.parity));
             same = same && vector == bool(m_small[i * 128 + size_t(b)]);
         }
 #if defined(__SSE2__)
@@ -161,7 +174,8 @@ quint32 SQliteCodec::Pattern::types16(const uchar* p, int index) const {
         }
         if (f.from) {
             const __m128i from = _mm_cmpeq_epi8(_mm_max_epu8(v0, _mm_set1_epi8(char(f.lo))), v0);
-            accept = _mm_or_si128(accept, _mm_and_si128(from, eq(_mm_and_si128(v0, one), f.parity)));
+            accept = _mm_or_si128(
+                accept, f.anyParity ? from : _mm_and_si128(from, eq(_mm_and_si128(v0, one), f.parity)));
         }
         const quint32 h0 = quint32(_mm_movemask_epi8(v0)), h1 = quint32(_mm_movemask_epi8(v1));
         const quint32 h2 = quint32(_mm_movemask_epi8(v2)), h3 = quint32(_mm_movemask_epi8(v3));

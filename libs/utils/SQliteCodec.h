@@ -21,11 +21,14 @@ public:
     static QVariant value(ByteCursor& cursor, qint64 serialType, int* len, qint32 encoding);
     // Whether a pattern letter (its UTF-16 code) accepts a serial type, as fieldsMatch answers.
     static bool letterAccepts(ushort code, int serialType);
+    // The same with two more letters, for the recovery of whole records: t (NULL, text or blob)
+    // and a (any serial type a record may hold).
+    static bool extendedLetterAccepts(ushort code, int serialType);
 
     // A type pattern with its answers for every one-byte serial type worked out once.
     class Pattern {
     public:
-        explicit Pattern(const QString& pattern);
+        explicit Pattern(const QString& pattern, bool extended = false);
         int size() const { return int(m_codes.size()); }
         bool matches(int index, int serialType) const {
             if (serialType >= 0 && serialType < 128) return m_small[size_t(index) * 128 + size_t(serialType)];
@@ -58,7 +61,7 @@ public:
         // equal to one of two values, at most hi (but not ex), or at least lo with a parity.
         struct Letter {
             uchar equal1 = 0xFF, equal2 = 0xFF, hi = 0, ex = 0xFF, lo = 0xFF, parity = 0;
-            bool upTo = false, from = false;
+            bool upTo = false, from = false, anyParity = false;
             bool vector = false; // the sets give the same answers as the table
         } m_letters[4];
         quint32 types16(const uchar* p, int index) const;

@@ -1,6 +1,7 @@
 #include "RecordWriter.h"
 
 #include <QLocale>
+#include <QRegularExpression>
 
 #include <charconv>
 #include <cmath>
@@ -74,7 +75,7 @@ void appendUtf8(QByteArray& out, const QString& text, bool json) {
 
 } // namespace
 
-RecordWriter::RecordWriter(bool json) : m_json(json) {
+RecordWriter::RecordWriter(Format format) : m_format(format), m_json(format == Json) {
     m_buffer.reserve(kFlushAt + 65536);
     if (m_json) m_buffer += '[';
 }
@@ -99,7 +100,7 @@ void RecordWriter::flushIfFull() {
 }
 
 void RecordWriter::line(const QString& text) {
-    if (m_json) return;
+    if (m_format != Text) return;
     appendUtf8(m_buffer, text, false);
     m_buffer += '\n';
     flushIfFull();
@@ -191,10 +192,54 @@ void RecordWriter::object(std::initializer_list<Field> fields, const QList<QVari
     flushIfFull();
 }
 
-void RecordWriter::appendText(QByteArray& out, const QVariant& value) {
+void RecordWriter::textRecord(const QString& prefix, const QList<QVariant>& values, const char* nullText) {
+    ++m_count;
+    appendUtf8(m_buffer, prefix, false);
+    for (int i = 0; i < values.size(); ++i) {
+        if (i) m_buffer += " | ";
+        appendText(m_buffer, values.at(i), nullText);
+    }
+    m_buffer += '\n';
+    flushIfFull();
+}
+
+void RecordWriter::csvRow(const QList<QVariant>& cells) {
+    ++m_count;
+    for (int i = 0; i < cells.size(); ++i) {
+        if (i) m_buffer += ',';
+        const QVariant& v = cells.at(i);
+        switch (int(v.type())) {
+        case QMetaType::UnknownType:
+            break;
+        case QMetaType::QByteArray:
+            m_buffer += "x'" + v.toByteArray().toHex() + "'";
+            break;
+        case QMetaType::QString:
+        case QMetaType::QStringList: {
+            const QString text = v.type() == QVariant::StringList ? v.toStringList().join(' ') : v.toString();
+            if (!text.contains(QRegularExpression("[,\"\r\n]"))) {
+                m_buffer += text.toUtf8();
+                break;
+            }
+            m_buffer += '"' + QString(text).replace('"', "\"\"").toUtf8() + '"';
+            break;
+        }
+        case QMetaType::Double:
+            m_buffer += QByteArray::number(v.toDouble(), 'g', 17);
+            break;
+        default:
+            m_buffer += v.toString().toUtf8();
+            break;
+        }
+    }
+    m_buffer += "\r\n";
+    flushIfFull();
+}
+
+void RecordWriter::appendText(QByteArray& out, const QVariant& value, const char* nullText) {
     switch (int(value.type())) {
     case QMetaType::UnknownType:
-        out += '?';
+        out += nullText;
         break;
     case QMetaType::Int:
     case QMetaType::LongLong:
@@ -249,6 +294,16 @@ void RecordWriter::appendJson(QByteArray& out, const QVariant& value) {
     case QMetaType::QString:
         appendJsonString(out, value.toString());
         break;
+    case QMetaType::QStringList: {
+        out += '[';
+        const QStringList list = value.toStringList();
+        for (int i = 0; i < list.size(); ++i) {
+            if (i) out += ',';
+            appendJsonString(out, list.at(i));
+        }
+        out += ']';
+        break;
+    }
     case QMetaType::QByteArray:
         out += '"' + value.toByteArray().toBase64() + '"';
         break;

@@ -1,6 +1,7 @@
 // Streams records to stdout as they are found, in constant memory: text lines (values joined
-// by " | ", as toText renders them) or one JSON array written a piece at a time (values as
-// toJson renders them: blobs as base64, invalid values as null).
+// by " | ", as toText renders them), one JSON array written a piece at a time (values as
+// toJson renders them: blobs as base64, invalid values as null), or CSV rows (RFC 4180; NULL
+// empty, blobs as x'hex').
 #pragma once
 
 #include "SQliteScanner.h"
@@ -17,12 +18,15 @@ namespace inspect {
 
 class RecordWriter {
 public:
-    explicit RecordWriter(bool json);
+    enum Format { Text, Json, Csv };
+    explicit RecordWriter(bool json) : RecordWriter(json ? Json : Text) {}
+    explicit RecordWriter(Format format);
     ~RecordWriter();
     RecordWriter(const RecordWriter&) = delete;
     RecordWriter& operator=(const RecordWriter&) = delete;
 
     bool json() const { return m_json; }
+    Format format() const { return m_format; }
     qint64 count() const { return m_count; }
 
     // Text only: a line of its own (a header, a group title, a count).
@@ -36,10 +40,14 @@ public:
     using Field = std::pair<const char*, QVariant>;
     void object(std::initializer_list<Field> fields, const QList<QVariant>& values,
                 const QList<QVariant>& extra = {});
+    // Text: prefix, then the values joined, NULL (an invalid value) written as nullText.
+    void textRecord(const QString& prefix, const QList<QVariant>& values, const char* nullText);
+    // CSV: one row of cells.
+    void csvRow(const QList<QVariant>& cells);
     // Ends the JSON array (the destructor does it too) and flushes.
     void finish();
 
-    static void appendText(QByteArray& out, const QVariant& value);
+    static void appendText(QByteArray& out, const QVariant& value, const char* nullText = "?");
     static void appendJson(QByteArray& out, const QVariant& value);
     static void appendJsonString(QByteArray& out, const QString& text);
 
@@ -48,6 +56,7 @@ private:
     void appendViewValue(const SQliteScanner::RecordView& view, int i);
     void flushIfFull();
 
+    Format m_format;
     bool m_json;
     bool m_finished = false;
     qint64 m_count = 0;

@@ -3,6 +3,7 @@
 
 #include "RecordWriter.h"
 #include "SQliteDbUtil.h"
+#include "SQliteRecovery.h"
 #include "SQliteScanner.h"
 
 #include <QElapsedTimer>
@@ -80,21 +81,24 @@ bool checkPattern(const QString& pattern) {
 // found is printed), and a terminal shows how far it got.
 class Walk {
 public:
-    Walk(SQliteDbUtil& db, SQliteScanner& scanner) {
+    explicit Walk(SQliteDbUtil& db) {
         static SQliteDbUtil* current = nullptr;
         current = &db;
         installInterruptHandler([] {
             if (current) current->stopSearch();
         });
         m_timer.start();
-        scanner.setProgress([this](int done, int total) {
+    }
+    Walk(SQliteDbUtil& db, SQliteScanner& scanner) : Walk(db) { scanner.setProgress(reporter()); }
+    ~Walk() { progress(QString()); }
+    void setWhat(const QString& what) { m_what = what; }
+    std::function<void(int, int)> reporter() {
+        return [this](int done, int total) {
             if (m_timer.elapsed() < m_shown + 250) return;
             m_shown = m_timer.elapsed();
             progress(QString("%1... page %2 of %3 (Ctrl-C stops)").arg(m_what).arg(done).arg(total));
-        });
+        };
     }
-    ~Walk() { progress(QString()); }
-    void setWhat(const QString& what) { m_what = what; }
 
 private:
     QElapsedTimer m_timer;
@@ -110,7 +114,7 @@ int finishWalk(RecordWriter& writer) {
 }
 
 int runTables(const QStringList& argv) {
-    Args args(argv, {"--json"}, {});
+    Args args(argv, {"--json", "--pages"}, {});
     int code = Ok;
     if (!parseOrExit("tables", args, 1, 1, &code)) return code;
     SQliteDbUtil db;
@@ -142,11 +146,11 @@ int runTables(const QStringList& argv) {
                                                : "UTF-8")
             .arg(db.freeListPages.size()));
     for (const SQliteTable& t : tables) {
-        out(QString("%1  root %2  leaf pages %3 [%4]")
+        out(QString("%1  root %2  leaf pages %3%4")
                 .arg(t.name)
                 .arg(t.rootPage)
                 .arg(t.pages.size())
-                .arg(pageList(t.pages)));
+                .arg(args.has("--pages") ? " [" + pageList(t.pages) + "]" : QString()));
         out("    columns: " + (t.columns.isEmpty() ? QString("(none)") : columnNames(t).join(", ")));
     }
     return Ok;
@@ -192,16 +196,9 @@ void printScan(RecordWriter& writer, Walk& walk, const QString& source, bool wit
     writer.line(QString("(%1 candidate records)").arg(writer.count() - before));
 }
 
-int runRecover(const QStringList& argv) {
-    Args args(argv, {"--json", "--with-header", "--free-list"}, {});
-    int code = Ok;
-    if (!parseOrExit("recover", args, 3, 3, &code)) return code;
-    const QString path = args.positional().at(0), name = args.positional().at(1),
-                  pattern = args.positional().at(2);
-    if (!checkPattern(pattern)) return Usage;
-    SQliteDbUtil db;
-    if (!openDb(db, path)) return Failed;
-    if (!db.tables.contains(name)) return fail(QString("%1: no table named '%2'").arg(path, name));
+// The documented scan, as recover printed it before records carried where they were found.
+int runRawRecover(const Args& args, SQliteDbUtil& db) {
+    const QString name = args.positional().at(1), pattern = args.positional().value(2);
     const bool withHeader = args.has("--with-header");
     RecordWriter writer(args.has("--json"));
     SQliteScanner scanner(db);
@@ -214,6 +211,92 @@ int runRecover(const QStringList& argv) {
         printScan(writer, walk, "free-list pages", withHeader, [&](const SQliteScanner::FoundCallback& f) {
             return scanner.forEachLostRecordInFreeSpace(pattern, withHeader, f);
         });
+    return finishWalk(writer);
+}
+
+int runRecover(const QStringList& argv) {
+    Args args(argv, {"--json", "--csv", "--all", "--raw", "--with-header", "--free-list", "--no-free-list"},
+              {});
+    int code = Ok;
+    if (!parseOrExit("recover", args, 2, 3, &code)) return code;
+    const QString path = args.positional().at(0), name = args.positional().at(1),
+                  pattern = args.positional().value(2);
+    const bool raw = args.has("--raw");
+    if (raw && !checkPattern(pattern)) return Usage;
+    for (const char* option : {"--with-header", "--free-list"})
+        if (!raw && args.has(option))
+            return fail(
+                QString("recover: %1 belongs to --raw (without it, free pages are searched unless "
+                        "--no-free-list is given, and cells are read with their header when it survives)")
+                    .arg(option),
+                Usage);
+    if (args.has("--json") && args.has("--csv")) return fail("recover: choose --json or --csv", Usage);
+    SQliteDbUtil db;
+    if (!openDb(db, path)) return Failed;
+    if (!db.tables.contains(name)) return fail(QString("%1: no table named '%2'").arg(path, name));
+    if (raw) return runRawRecover(args, db);
+
+    SQliteRecovery recovery(db);
+    if (!recovery.setTable(name, pattern))
+        return fail(QString("%1: %2").arg(path, recovery.error()),
+                    recovery.error().contains("pattern") ? Usage : Failed);
+    recovery.setHeldIncluded(args.has("--all"));
+    recovery.setFreePagesSearched(!args.has("--no-free-list"));
+    const RecordWriter::Format format = args.has("--json")  ? RecordWriter::Json
+                                        : args.has("--csv") ? RecordWriter::Csv
+                                                            : RecordWriter::Text;
+    RecordWriter writer(format);
+    const QStringList columns = recovery.columnNames();
+    writer.line(QString("-- %1: columns %2; pattern %3").arg(name, columns.join(", "), recovery.pattern()));
+    if (format == RecordWriter::Csv) {
+        QList<QVariant> head{"page", "offset", "region", "verdict", "reasons", "rowid", "overflow"};
+        for (const QString& c : columns)
+            head << c;
+        writer.csvRow(head);
+    }
+    Walk walk(db);
+    walk.setWhat("searching " + name);
+    recovery.setProgress(walk.reporter());
+    recovery.forEach([&](const SQliteRecovery::Record& r) {
+        const QVariant rowid = r.rowidKnown ? QVariant(r.rowid) : QVariant();
+        const QString overflow = SQliteRecovery::overflowName(r.overflow);
+        if (format == RecordWriter::Json) {
+            writer.object({{"page", r.page},
+                           {"offset", r.offset},
+                           {"region", SQliteRecovery::regionName(r.region)},
+                           {"verdict", SQliteRecovery::verdictName(r.verdict)},
+                           {"reasons", r.reasons},
+                           {"rowid", rowid},
+                           {"overflow", overflow.isEmpty() ? QVariant() : QVariant(overflow)}},
+                          r.values);
+        } else if (format == RecordWriter::Csv) {
+            writer.csvRow(QList<QVariant>{r.page, r.offset, SQliteRecovery::regionName(r.region),
+                                          SQliteRecovery::verdictName(r.verdict), r.reasons, rowid,
+                                          overflow.isEmpty() ? QVariant() : QVariant(overflow)} +
+                          r.values);
+        } else {
+            QString where = QString("page %1, offset %2, %3")
+                                .arg(r.page)
+                                .arg(r.offset)
+                                .arg(SQliteRecovery::regionName(r.region));
+            if (r.verdict != SQliteRecovery::Recovered)
+                where += ", " + SQliteRecovery::verdictName(r.verdict);
+            if (!r.reasons.isEmpty()) where += " (" + r.reasons.join(", ") + ")";
+            if (!overflow.isEmpty()) where += ", overflow " + overflow;
+            writer.textRecord(where + ": ", r.values, "NULL");
+        }
+        return true;
+    });
+    const SQliteRecovery::Summary s = recovery.summary();
+    QStringList reasons;
+    for (auto it = s.reasons.constBegin(); it != s.reasons.constEnd(); ++it)
+        reasons << QString("%1 %2").arg(it.key()).arg(it.value());
+    writer.line(QString("(%1 recovered, %2 partial, %3 held back%4%5)")
+                    .arg(s.recovered)
+                    .arg(s.partial)
+                    .arg(s.held)
+                    .arg(reasons.isEmpty() ? "" : ": " + reasons.join(", "))
+                    .arg(s.held && !args.has("--all") ? "; --all shows them" : ""));
     return finishWalk(writer);
 }
 
@@ -237,9 +320,11 @@ int runFreelist(const QStringList& argv) {
 }
 
 const Registration
-    tablesCommand({"tables", "tables DB [--json]",
+    tablesCommand({"tables", "tables DB [--pages] [--json]",
                    "Lists the tables of an SQLite database read without the engine: name, root page,\n"
-                   "leaf pages and column names.\n  --json  one JSON array of tables",
+                   "how many leaf pages and the column names.\n"
+                   "  --pages  list the leaf pages too\n"
+                   "  --json   one JSON array of tables (with their leaf pages)",
                    runTables});
 const Registration rowsCommand(
     {"rows", "rows DB TABLE [--json]",
@@ -248,13 +333,28 @@ const Registration rowsCommand(
      "--json prints one array of records (blobs as base64). Ctrl-C stops and keeps what was printed.",
      runRows});
 const Registration recoverCommand(
-    {"recover", "recover DB TABLE PATTERN [--with-header] [--free-list] [--json]",
-     QString("Searches the unallocated gaps and freeblocks of TABLE's leaf pages for the remains of deleted\n"
-             "records whose serial types fit PATTERN.\n%1\n"
-             "  --with-header  expect a rowid and a header size before the serial types (whole cells)\n"
-             "  --free-list    search the database's free-list pages too\n"
-             "  --json         one JSON array of {source, values}\n"
-             "Ctrl-C stops the search and prints what was found.")
+    {"recover",
+     "recover DB TABLE [PATTERN] [--all] [--no-free-list] [--json | --csv] [--raw [--with-header] "
+     "[--free-list]]",
+     QString(
+         "Recovers the deleted records of TABLE from the unallocated gaps and freeblocks of its leaf pages\n"
+         "and from the free-list pages. Each record is whole (its header, serial types and values fit\n"
+         "where it lies), has its values in declared column order (NULL as NULL, the rowid alias filled\n"
+         "when the cell's rowid survives) and comes with its page, offset, region and verdict; records\n"
+         "that overflowed are reassembled from free overflow pages.\n"
+         "PATTERN, one letter per column, defaults to what the declared types allow: n the rowid alias,\n"
+         "d NULL or a number, t NULL, text or blob, a anything (plus the letters below).\n"
+         "  --all           also print the records held back, with their reasons: live (a live row),\n"
+         "                  superseded (an earlier version of a live row), duplicate, encoding, layout,\n"
+         "                  affinity, empty\n"
+         "  --no-free-list  leave the free-list pages out\n"
+         "  --json          one JSON array of {page, offset, region, verdict, reasons, rowid, overflow, "
+         "values}\n"
+         "  --csv           the same as CSV rows, for spreadsheets (NULL empty, blobs as x'hex')\n"
+         "  --raw           the reader's own scan instead, which needs PATTERN:\n%1\n"
+         "    --with-header  expect a rowid and a header size before the serial types (whole cells)\n"
+         "    --free-list    search the database's free-list pages too\n"
+         "Ctrl-C stops the search and keeps what was printed.")
          .arg(kPatternHelp),
      runRecover});
 const Registration freelistCommand(

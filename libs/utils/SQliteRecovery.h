@@ -1,0 +1,122 @@
+// Recovers the deleted records of one table of a loaded SQliteDbUtil and says, for each, where
+// it was found and how far it can be trusted. It sits beside the reader's own deleted-record
+// scan (searchLostRecord), whose results stay as they are, and differs from it on purpose:
+//
+// - the columns are known: by default their serial types follow from the table's declared
+//   types by SQLite's affinity rules (the rowid alias is stored as NULL);
+// - a candidate is a whole record: its header size, serial types and values must fit the block
+//   that holds it. The payload length and rowid of its cell are used when they survive in
+//   front of it, and a record whose first bytes a freeblock header overwrote is read from its
+//   surviving serial types when the lost ones can only have been the rowid alias;
+// - values read as SQLite stores them: NULL as a null value, integers of every width with their
+//   sign, text in the database's encoding;
+// - a record that overflowed is reassembled from its overflow pages when they are free;
+// - every candidate is checked, and one that fails a check is held back with its reasons.
+//
+// It searches the table's leaf pages (the unallocated gap and the freeblocks of each) and, by
+// default, every page on the free list, where a record of any table may lie: there a record
+// must fit this table's columns to be taken for one of its rows.
+#pragma once
+
+#include "utils_export.h"
+
+#include <QList>
+#include <QMap>
+#include <QString>
+#include <QStringList>
+#include <QVariant>
+
+#include <functional>
+#include <memory>
+
+class SQliteDbUtil;
+
+class UTILS_EXPORT SQliteRecovery {
+public:
+    // Where a record was found.
+    enum Region {
+        Gap,       // the unallocated space between a leaf page's cell pointers and its cells
+        Freeblock, // a freeblock of a leaf page
+        FreePage,  // a page on the free list
+    };
+    // Recovered: passed every check; Partial: passed, but its overflow chain broke off, so its
+    // last values are cut; Held: held back, with the reasons.
+    enum Verdict { Recovered, Partial, Held };
+    enum Overflow { NoOverflow, Reassembled, Broken };
+
+    // The reasons for holding a candidate back.
+    static const QString kLive;      // "live": identical to a live row of the table
+    static const QString kDuplicate; // "duplicate": equal to, or overlapping, a record reported before
+    static const QString
+        kEncoding; // "encoding": text not valid in the database's encoding, or mostly control characters
+    static const QString
+        kLayout; // "layout": a header size, serial type or record end that does not fit its block
+    static const QString kAffinity; // "affinity": a value the column's affinity could not have stored
+    static const QString kEmpty;    // "empty": nothing but NULLs, zeros and empty values
+    static const QString
+        kSuperseded; // "superseded": an earlier version of a live row (its rowid, or all but one value)
+
+    struct Record {
+        QList<QVariant> values; // in declared column order; NULL is a null QVariant
+        qint64 rowid = 0;
+        bool rowidKnown = false; // the cell's payload length and rowid survived in front of the record
+        int page = 0;
+        int offset = 0;        // in the page: the cell's start when its rowid is known, else the record's
+        qint64 fileOffset = 0; // the same, from the start of the file
+        int length = 0;        // bytes from offset to the end of the record's local part
+        Region region = Gap;
+        Verdict verdict = Recovered;
+        QStringList reasons; // why it was held back
+        Overflow overflow = NoOverflow;
+    };
+    using Callback = std::function<bool(const Record& record)>;
+    // Called after each page searched with the pages done and the pages to search.
+    using ProgressCallback = std::function<void(int done, int total)>;
+
+    explicit SQliteRecovery(SQliteDbUtil& db);
+    ~SQliteRecovery();
+    SQliteRecovery(const SQliteRecovery&) = delete;
+    SQliteRecovery& operator=(const SQliteRecovery&) = delete;
+
+    // Chooses the table and, when given, the pattern: one letter per column, the reader's
+    // letters (fieldsMatch) plus t for NULL, text or blob and a for anything a record may hold.
+    // Without one the pattern follows from the declared types: n for the rowid alias, d for
+    // INTEGER and REAL affinity (NULL, an integer or a float), t for TEXT, a for NUMERIC and for
+    // BLOB or no type. False, with error() saying why, for an unknown table, a table without
+    // rowid or whose statement cannot be read, or a pattern of the wrong length or letters.
+    bool setTable(const QString& table, const QString& pattern = QString());
+    QString error() const;
+    QString table() const;
+    QString pattern() const;
+    QStringList columnNames() const;
+    QStringList declaredTypes() const;
+    int rowidAlias() const; // the column that is the rowid alias, or -1
+
+    void setFreePagesSearched(bool searched); // on by default
+    void setHeldIncluded(bool included);      // off by default: held-back records are not passed on
+    void setProgress(ProgressCallback progress);
+
+    // Searches and passes on each record found, in order: the table's leaf pages, then the free
+    // pages; in a page by offset. Returns false when it was ended early: by the reader's stop
+    // flag (checked before each page) or by the callback.
+    bool forEach(const Callback& callback);
+    QList<Record> recover();
+
+    // Counts of the last search: records passed on, held back, and held back under each
+    // reason (a record counts under each of its reasons).
+    struct Summary {
+        int recovered = 0;
+        int partial = 0;
+        int held = 0;
+        QMap<QString, int> reasons;
+    };
+    Summary summary() const;
+
+    static QString regionName(Region region);       // "gap", "freeblock", "free page"
+    static QString verdictName(Verdict verdict);    // "recovered", "partial", "held"
+    static QString overflowName(Overflow overflow); // "", "reassembled", "broken"
+
+private:
+    struct Private;
+    std::unique_ptr<Private> d;
+};
