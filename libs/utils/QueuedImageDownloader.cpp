@@ -43,7 +43,11 @@ QueuedImageDownloader::~QueuedImageDownloader() {
 
 void QueuedImageDownloader::push_back(const QList<ImageDownloadTaskPtr>& tasks) {
     std::lock_guard<std::mutex> locker(m_lock);
-    m_queue.append(tasks);
+    // Element by element: appending a whole list to an empty queue would share the caller's list
+    // data, which the caller's thread then releases while the worker edits the queue in place
+    // (Qt's check for a shared list is a relaxed read, so nothing orders the two).
+    for (const ImageDownloadTaskPtr& task : tasks)
+        m_queue.append(task);
 }
 
 void QueuedImageDownloader::push_front(const QList<ImageDownloadTaskPtr>& tasks) {
