@@ -7,9 +7,15 @@
 #include <QFileInfo>
 #include <QStringList>
 #include <QTemporaryDir>
+#include <QTest>
 #include <QtGlobal>
 
 #include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <thread>
+#include <vector>
 
 inline QByteArray readFile(const QString& path) {
     QFile f(path);
@@ -27,6 +33,37 @@ inline QString writeFile(const QString& path, const QByteArray& bytes) {
 
 inline QString writeFile(const QTemporaryDir& dir, const QString& name, const QByteArray& bytes) {
     return writeFile(dir.filePath(name), bytes);
+}
+
+// A SILK voice note of the given number of frames, with or without the leading 0x02.
+inline QByteArray silkNote(int frames, bool leadByte) {
+    QByteArray bytes = leadByte ? QByteArray("\x02#!SILK_V3") : QByteArray("#!SILK_V3");
+    for (int i = 0; i < frames; ++i)
+        bytes += char(10 + i % 60) + QByteArray(1, '\0') + QByteArray(10 + i % 60, 'f');
+    return bytes;
+}
+
+// An 8-bit mono PCM WAV file: its duration is exactly samples / rate.
+inline QByteArray wavFile(quint32 rate, quint32 samples) {
+    const auto le32 = [](quint32 v) { return QByteArray(reinterpret_cast<const char*>(&v), 4); }; // x86
+    return "RIFF" + le32(36 + samples) + "WAVEfmt " + le32(16) + QByteArray("\x01\x00\x01\x00", 4) +
+           le32(rate) + le32(rate) + QByteArray("\x01\x00\x08\x00", 4) + "data" + le32(samples) +
+           QByteArray(int(samples), '\x80');
+}
+
+// Runs body(0) .. body(n - 1) on n threads of their own while this thread serves its events (a
+// local server living here goes on answering), and returns once all have ended.
+inline void onThreads(int n, const std::function<void(int)>& body) {
+    std::atomic<int> running{n};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < n; ++t)
+        threads.emplace_back([&, t] {
+            body(t);
+            --running;
+        });
+    EXPECT_TRUE(QTest::qWaitFor([&] { return running == 0; }, 120000)) << "threads still running";
+    for (std::thread& th : threads)
+        th.join();
 }
 
 // Collects the messages logged while it lives; the previous handler is restored afterwards.

@@ -1,14 +1,9 @@
 #include "DbUtils.h"
 #include "TestSupport.h"
 
-#include <QCoreApplication>
 #include <QSqlQuery>
-#include <QTemporaryDir>
 #include <QThread>
 #include <QVariant>
-#include <gtest/gtest.h>
-
-#include <thread>
 
 namespace {
 
@@ -82,8 +77,22 @@ TEST(DbUtils, ManifestBlobsAndLoggedFailures) {
                                            "writeManifestBlobData: 数据库未开启!"}));
 }
 
-int main(int argc, char** argv) {
-    QCoreApplication app(argc, argv);
-    ::testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
+TEST(DbUtils, ManifestFromSeveralThreadsAtOnce) {
+    QTemporaryDir dir;
+    const QString path = makeManifest(dir, "LOAD");
+    std::atomic<int> wrong{0};
+    onThreads(4, [&](int t) {
+        QSqlDatabase db = DbUtils::dataBase(MANIFESTDB, path);
+        if (!db.open()) return void(++wrong);
+        for (int i = 1; i <= 20; ++i) {
+            wrong += DbUtils::readManifestBlobData(db, "abc") != QByteArray("\x01\x02");
+            wrong += !DbUtils::writeManifestBlobData(db, QString("t%1").arg(t), QByteArray::number(i));
+            wrong += DbUtils::rowCount(db, "SELECT COUNT(*) FROM Files") < 2;
+        }
+        db.close();
+    });
+    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(DbUtils::rowCount(DbUtils::dataBase("LOAD", path),
+                                "SELECT COUNT(*) FROM Files WHERE CAST(file AS TEXT) = '20'"),
+              4);
 }

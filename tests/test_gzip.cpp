@@ -3,8 +3,6 @@
 #include "OSUtils.h"
 #include "TestSupport.h"
 
-#include <gtest/gtest.h>
-
 #include <QRandomGenerator>
 
 #include <zlib.h>

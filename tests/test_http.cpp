@@ -1,18 +1,16 @@
 // The blocking HTTP client, reply helpers, reply blocker and cookie file, against a local server.
 #include "LocalHttpServer.h"
+#include "TestSupport.h"
 
 #include "NetworkBlocker.h"
 #include "QHttpClient.h"
 #include "QHttpUtils.h"
 
-#include <QCoreApplication>
-#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QNetworkCookie>
 #include <QPointer>
-#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 #include <zlib.h>
@@ -194,8 +192,17 @@ TEST_F(HttpTest, CookiesStayOutOfTheMemberJarAndSurviveAFile) {
     EXPECT_FALSE(empty.save(dir.path()));
 }
 
-int main(int argc, char** argv) {
-    QCoreApplication app(argc, argv);
-    ::testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
+TEST_F(HttpTest, ClientsOnSeveralThreadsAtOnce) {
+    server.route("/ping", {200, {}, "pong", 2});
+    const QString base = url("/ping?").toString();
+    std::atomic<int> answered{0};
+    onThreads(3, [&](int t) {
+        QHttpClient mine;
+        for (int i = 0; i < 5; ++i) {
+            QScopedPointer<QNetworkReply> reply(mine.get(QUrl(base + QString("%1-%2").arg(t).arg(i)), {}));
+            answered += reply->error() == QNetworkReply::NoError && reply->readAll() == "pong";
+        }
+    });
+    EXPECT_EQ(answered, 15);
+    EXPECT_EQ(server.requests.size(), 15);
 }

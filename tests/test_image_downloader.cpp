@@ -1,22 +1,16 @@
 // The queued image downloader (worker thread, disk cache, delivery to the owner's thread) and
 // the LoopThread worker base, against a local server.
 #include "LocalHttpServer.h"
+#include "TestSupport.h"
 
 #include "LoopThread.h"
 #include "QueuedImageDownloader.h"
 
 #include <QBuffer>
-#include <QCoreApplication>
 #include <QCryptographicHash>
 #include <QDir>
 #include <QDirIterator>
-#include <QTemporaryDir>
-#include <QTest>
 #include <QThread>
-
-#include <gtest/gtest.h>
-
-#include <atomic>
 
 namespace {
 
@@ -152,6 +146,35 @@ TEST_F(DownloaderTest, QueueOrderRemoveAndClear) {
     EXPECT_EQ(server.targets.mid(6), (QList<QByteArray>{"/slow?2", "/img?z"}));
 }
 
+TEST_F(DownloaderTest, QueueEditedFromSeveralThreadsWhileTheWorkerRuns) {
+    const QString base = url("/img?");
+    const auto some = [&](int n) { return task(base + QString::number(n % 10), 8, 8); };
+    const std::function<void(int)> edits[] = {
+        [&](int i) {
+            downloader.push_back({some(i), some(i + 1)});
+        },
+        [&](int i) { downloader.push_front({some(i)}); },
+        [&](int i) {
+            downloader.remove({some(i - 1), some(i + 3)});
+        },
+        [&](int i) { i % 25 == 3 ? downloader.clear() : downloader.push_back({some(i + 7)}); },
+    };
+    onThreads(3, [&](int t) {
+        for (int i = 0; i < 150; ++i) {
+            edits[(i + t) % 4](i);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
+    downloader.clear();
+    const ImageDownloadTaskPtr last = task(base + "last", 8, 8);
+    downloader.push_back({last});
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !items.isEmpty() && items.last().first == last; }, 30000));
+    EXPECT_GT(items.size(), 1);
+    for (const auto& item : items)
+        EXPECT_EQ(item.second.size(), QSize(8, 8));
+    EXPECT_EQ(offThread, 0);
+}
+
 namespace {
 // Counts its passes; with endEveryThird, routine() ends the loop after every third pass.
 class CountingLoop : public LoopThread {
@@ -189,10 +212,4 @@ TEST(LoopThread, StartStopAndRestart) {
     ASSERT_TRUE(endless.waitForPasses(1));
     endless.stop();
     EXPECT_LE(endless.passes, 2);
-}
-
-int main(int argc, char** argv) {
-    QCoreApplication app(argc, argv);
-    ::testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
 }
