@@ -4,13 +4,10 @@
 #include "TestSupport.h"
 #include "ToolRun.h"
 
-#include <gtest/gtest.h>
 #include <plist/plist.h>
 
-#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QTemporaryDir>
 #include <QThread>
 
 #include <initializer_list>
@@ -160,25 +157,19 @@ TEST(NSKeyedArchiver, HostileReferenceGraphsEnd) {
     // The tool prints such a result compact, without recursing once per level.
     if (!toolBuilt()) return;
     QTemporaryDir dir;
-    const ToolRun printed = runTool({"archive", writeFile(dir, "a.archive", chainBytes)});
-    EXPECT_EQ(printed.code, 0);
-    EXPECT_EQ(printed.out, "{\"root\":" + QByteArray("{\"next\":").repeated(depth) + "\"bottom\"" +
-                               QByteArray(depth + 1, '}') + "\n");
+    EXPECT_EQ(toolOut({"archive", writeFile(dir, "a.archive", chainBytes)}, 0),
+              "{\"root\":" + QByteArray("{\"next\":").repeated(depth) + "\"bottom\"" +
+                  QByteArray(depth + 1, '}') + "\n");
 }
 
 TEST(NSKeyedArchiver, InspectToolPrintsResolvedArchives) {
-    if (!toolBuilt()) GTEST_SKIP() << "utils-inspect not built";
+    SKIP_WITHOUT_TOOL();
     QTemporaryDir dir;
     const QString file = writeFile(dir, "a.archive", serialise(stringArchive()));
-    auto run = [](const QStringList& args, int code) {
-        const ToolRun r = runTool(args);
-        EXPECT_EQ(r.code, code) << r.err.toStdString();
-        return QJsonDocument::fromJson(r.out).object();
-    };
-    EXPECT_EQ(run({"archive", file}, 0), kStringJson);
-    const QJsonObject whole = run({"archive", "--root", file}, 0);
+    EXPECT_EQ(QJsonDocument::fromJson(toolOut({"archive", file}, 0)).object(), kStringJson);
+    const QJsonObject whole = QJsonDocument::fromJson(toolOut({"archive", "--root", file}, 0)).object();
     EXPECT_EQ(whole.value("$archiver"), QJsonValue("NSKeyedArchiver"));
     EXPECT_EQ(whole.value("$top"), QJsonValue(QJsonObject()));
-    EXPECT_TRUE(run({"archive", dir.filePath("missing")}, 1).isEmpty());
-    EXPECT_TRUE(run({"archive", "--bogus", file}, 2).isEmpty());
+    EXPECT_TRUE(toolOut({"archive", dir.filePath("missing")}, 1).isEmpty());
+    EXPECT_TRUE(toolOut({"archive", "--bogus", file}, 2).isEmpty());
 }

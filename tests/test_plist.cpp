@@ -4,14 +4,11 @@
 #include "TestSupport.h"
 #include "ToolRun.h"
 
-#include <gtest/gtest.h>
 #include <plist/plist.h>
 
-#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QTemporaryDir>
 #include <QtEndian>
 
 #include <functional>
@@ -83,10 +80,8 @@ TEST(PlistUtils, RoundTripsEveryNodeTypeThroughBothFormats) {
     QTemporaryDir dir;
     const QString xml = dir.filePath("s.xml"), bin = dir.filePath("s.plist");
     ASSERT_TRUE(P::saveToXml(xml, sample.get()) && P::saveToBin(bin, sample.get()));
-    EXPECT_TRUE(readFile(xml).startsWith("<?xml"));
-    EXPECT_TRUE(readFile(bin).startsWith("bplist00"));
     EXPECT_EQ(readFile(bin), P::savaToBinFromByteArray(sample.get()));
-    EXPECT_TRUE(P::toXml(sample.get()).contains("<key>text</key>"));
+    EXPECT_EQ(readFile(xml), P::toXml(sample.get()).toUtf8());
 
     for (const QString& path : {xml, bin}) {
         void* root = nullptr;
@@ -254,32 +249,28 @@ TEST(PlistUtils, BinaryWriterEncodingsAndSpeed) {
     EXPECT_EQ(P::getUidValue(plist_array_get_item(parsed, 24)), 300u);
     EXPECT_EQ(P::getUidValue(plist_array_get_item(parsed, 25)), 5u); // UIDs keep 32 bits
 
+    // Past 65536 objects, references take three bytes (bench_plist measures the speed).
     Tree many(plist_new_array());
-    for (int i = 0; i < 200000; ++i) {
-        plist_t d = plist_new_dict();
-        plist_dict_set_item(d, "n", plist_new_uint(uint64_t(i)));
-        plist_array_append_item(static_cast<plist_t>(many.get()), d);
-    }
-    const QByteArray big = P::savaToBinFromByteArray(many.get()); // bench_plist measures its speed
+    for (int i = 0; i < 200000; ++i)
+        plist_array_append_item(static_cast<plist_t>(many.get()), plist_new_uint(uint64_t(i) << 20));
     void* loaded = nullptr;
-    ASSERT_TRUE(P::loadFromData(big, loaded));
+    ASSERT_TRUE(P::loadFromData(P::savaToBinFromByteArray(many.get()), loaded));
     Tree bigTree(loaded);
-    EXPECT_EQ(P::getUint64Value(plist_array_get_item(static_cast<plist_t>(loaded), 199999), "n"), 199999u);
+    EXPECT_EQ(P::getUint64Value(plist_array_get_item(static_cast<plist_t>(loaded), 199999)), 199999ull << 20);
 }
 
 TEST(PlistUtils, InspectToolPrintsListsAsJson) {
-    if (!toolBuilt()) GTEST_SKIP() << "utils-inspect not built";
+    SKIP_WITHOUT_TOOL();
     QTemporaryDir dir;
     Tree sample = makeSample();
     ASSERT_TRUE(P::saveToXml(dir.filePath("s.xml"), sample.get()));
-    writeFile(dir.filePath("cut.xml"), "<plist><dict><key>a</key>");
-    for (const QString& name : QStringList{"s.xml", "cut.xml", "missing", ""}) {
-        const ToolRun r =
-            runTool(name.isEmpty() ? QStringList{"plist"} : QStringList{"plist", dir.filePath(name)});
-        EXPECT_EQ(r.code, name == "s.xml" ? 0 : name.isEmpty() ? 2 : 1) << name.toStdString();
-        if (name == "s.xml")
-            EXPECT_EQ(QJsonDocument::fromJson(r.out).object().value("text"), QJsonValue("grüße"));
-        else
-            EXPECT_EQ(r.err.count('\n'), 1) << r.err.toStdString();
+    EXPECT_EQ(QJsonDocument::fromJson(toolOut({"plist", dir.filePath("s.xml")}, 0)).object().value("text"),
+              QJsonValue("grüße"));
+    for (const QStringList& args :
+         {QStringList{"plist", writeFile(dir, "cut.xml", "<plist><dict><key>a</key>")},
+          QStringList{"plist", dir.filePath("missing")}, QStringList{"plist"}}) {
+        const ToolRun r = runTool(args);
+        EXPECT_EQ(r.code, args.size() == 1 ? 2 : 1);
+        EXPECT_EQ(r.err.count('\n'), 1) << r.err.toStdString();
     }
 }
