@@ -161,15 +161,3 @@ TEST(NSKeyedArchiver, HostileReferenceGraphsEnd) {
               "{\"root\":" + QByteArray("{\"next\":").repeated(depth) + "\"bottom\"" +
                   QByteArray(depth + 1, '}') + "\n");
 }
-
-TEST(NSKeyedArchiver, InspectToolPrintsResolvedArchives) {
-    SKIP_WITHOUT_TOOL();
-    QTemporaryDir dir;
-    const QString file = writeFile(dir, "a.archive", serialise(stringArchive()));
-    EXPECT_EQ(QJsonDocument::fromJson(toolOut({"archive", file}, 0)).object(), kStringJson);
-    const QJsonObject whole = QJsonDocument::fromJson(toolOut({"archive", "--root", file}, 0)).object();
-    EXPECT_EQ(whole.value("$archiver"), QJsonValue("NSKeyedArchiver"));
-    EXPECT_EQ(whole.value("$top"), QJsonValue(QJsonObject()));
-    EXPECT_TRUE(toolOut({"archive", dir.filePath("missing")}, 1).isEmpty());
-    EXPECT_TRUE(toolOut({"archive", "--bogus", file}, 2).isEmpty());
-}

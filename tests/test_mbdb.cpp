@@ -2,13 +2,8 @@
 // truncated input and the mbdb subcommand, on hand-built index files.
 #include "MbdbUtil.h"
 #include "TestSupport.h"
-#include "ToolRun.h"
 
 #include <openssl/sha.h>
-
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 
 #include <initializer_list>
 
@@ -151,19 +146,4 @@ TEST_F(Mbdb, TruncatedRecordsComeBackWithZeros) {
     EXPECT_TRUE(records.first()->domain.isEmpty());
 
     EXPECT_EQ(MbdbUtil::readBytes(nullptr, 10), QByteArray());
-}
-
-TEST_F(Mbdb, InspectToolListsRecords) {
-    SKIP_WITHOUT_TOOL();
-    Writer w;
-    w.fields({"HomeDomain", "Library/Preferences/x.plist", kEmpty, kEmpty, kEmpty}).fixed(0100644, 123, 1);
-    const QString path = write(w.fields({"k", "v"}).bytes);
-    EXPECT_TRUE(
-        toolOut({"mbdb", path}, 0).startsWith("1716f8954804ed65ce49136002f8ece136feea57\t100644\t123\t"));
-    const QJsonObject record =
-        QJsonDocument::fromJson(toolOut({"mbdb", "--json", path}, 0)).array().at(0).toObject();
-    EXPECT_EQ(record.value("path"), QJsonValue("Library/Preferences/x.plist"));
-    EXPECT_EQ(record.value("lastModified"), QJsonValue(1300000000));
-    EXPECT_EQ(record.value("properties"), QJsonValue(QJsonObject{{"k", "v"}}));
-    EXPECT_TRUE(toolOut({"mbdb", write("MBDB\x05")}, 1).isEmpty());
 }

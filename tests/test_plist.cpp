@@ -2,7 +2,6 @@
 // guards against hostile binary lists, the binary writer and the plist subcommand.
 #include "PlistUtils.h"
 #include "TestSupport.h"
-#include "ToolRun.h"
 
 #include <plist/plist.h>
 
@@ -257,20 +256,4 @@ TEST(PlistUtils, BinaryWriterEncodingsAndSpeed) {
     ASSERT_TRUE(P::loadFromData(P::savaToBinFromByteArray(many.get()), loaded));
     Tree bigTree(loaded);
     EXPECT_EQ(P::getUint64Value(plist_array_get_item(static_cast<plist_t>(loaded), 199999)), 199999ull << 20);
-}
-
-TEST(PlistUtils, InspectToolPrintsListsAsJson) {
-    SKIP_WITHOUT_TOOL();
-    QTemporaryDir dir;
-    Tree sample = makeSample();
-    ASSERT_TRUE(P::saveToXml(dir.filePath("s.xml"), sample.get()));
-    EXPECT_EQ(QJsonDocument::fromJson(toolOut({"plist", dir.filePath("s.xml")}, 0)).object().value("text"),
-              QJsonValue("grüße"));
-    for (const QStringList& args :
-         {QStringList{"plist", writeFile(dir, "cut.xml", "<plist><dict><key>a</key>")},
-          QStringList{"plist", dir.filePath("missing")}, QStringList{"plist"}}) {
-        const ToolRun r = runTool(args);
-        EXPECT_EQ(r.code, args.size() == 1 ? 2 : 1);
-        EXPECT_EQ(r.err.count('\n'), 1) << r.err.toStdString();
-    }
 }

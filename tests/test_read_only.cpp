@@ -24,7 +24,7 @@ namespace {
 const QByteArray kArchive = R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>
 <key>$archiver</key><string>NSKeyedArchiver</string><key>$version</key><integer>100000</integer>
 <key>$top</key><dict><key>root</key><dict><key>CF$UID</key><integer>1</integer></dict></dict>
-<key>$objects</key><array><string>$null</string><string>hi</string></array></dict></plist>)";
+<key>$objects</key><array><string>$null</string><string>grüße</string></array></dict></plist>)";
 
 // The examined folder, made once; every file dated 2001, so that a write would show.
 class ReadOnly : public ::testing::Test {
@@ -41,7 +41,8 @@ protected:
                                                     "a.txt",
                                                     25) +
                                              QByteArray(6, '\xff') + "\x81\xa4" + QByteArray(28, '\x01') +
-                                             QByteArray(7, '\0') + QByteArray("\x09\x03\x00", 3));
+                                             QByteArray(7, '\0') +
+                                             QByteArray("\x09\x03\x01\x00\x01k\x00\x01v", 9));
         for (const char* mode : {"DELETE", "WAL"}) { // in WAL mode a log is beside it while it is open
             fixtures::EngineDb db(path(QString("Manifest-%1.db").arg(mode)));
             db.exec("CREATE TABLE Files (fileID TEXT PRIMARY KEY, domain TEXT, file BLOB)");
@@ -53,6 +54,10 @@ protected:
                                                    16));
         writeFile(path("message.pb"), QByteArray("\x0a\x05hello\x10\x96\x01", 10));
         writeFile(path("voice.slk"), silkNote(60, true));
+        writeFile(path("3f2a9c"), silkNote(152, true));
+        writeFile(path("cut.slk"), "\x02#!SILK");
+        writeFile(path("cut.xml"), "<plist><dict><key>a</key>");
+        writeFile(path("x.gif"), "GIF89a");
         writeFile(path("tone.wav"), wavFile(1000, 2000));
         QByteArray z(64, '\0');
         uLongf size = uLongf(z.size());
@@ -143,33 +148,59 @@ TEST_F(ReadOnly, LibraryReaders) {
     }
 }
 
+// Each reading command, also when it fails, with what it prints: the tool's suites of record.
 TEST_F(ReadOnly, ToolCommands) {
     SKIP_WITHOUT_TOOL();
-    const QList<QStringList> commands = {
-        {"tables", "chat.db"},
-        {"rows", "chat.db", "message"},
-        {"recover", "chat.db", "message", "iissii", "--with-header", "--free-list"},
-        {"freelist", "chat.db", "is"},
-        {"plist", "archive.xml"},
-        {"plist", "archive.bplist"},
-        {"archive", "archive.bplist", "--root"},
-        {"archive", "archive.xml"},
-        {"mbdb", "Manifest.mbdb"},
-        {"manifest", "Manifest-DELETE.db", "abc"},
-        {"manifest", "Manifest-WAL.db", "abc"},
-        {"mmkv", "mmkv.default"},
-        {"protobuf", "message.pb", "1"},
-        {"duration", "voice.slk"},
-        {"duration", "tone.wav"},
-        {"gunzip", "note.z", "--zlib"},
-        {"gzip", "tone.wav"},
-        {"classify", "chat.db", "archive.xml", "voice.slk", "tone.wav", "note.z"},
+    const struct {
+        QStringList args;
+        int code;
+        QByteArray out; // a part of the standard output
+    } runs[] = {
+        {{"tables", "chat.db"}, 0, "2 free-list pages"},
+        {{"rows", "chat.db", "message"}, 0, ""},
+        {{"recover", "chat.db", "message", "iissii", "--with-header", "--free-list"}, 0, ""},
+        {{"freelist", "chat.db", "is"}, 0, "free-list pages: [11,12]"},
+        {{"plist", "archive.xml"}, 0, "\"grüße\""}, // UTF-8 as it is
+        {{"plist", "archive.bplist"}, 0, "\"$archiver\": \"NSKeyedArchiver\""},
+        {{"plist", "cut.xml"}, 1, ""},
+        {{"plist", "missing"}, 1, ""},
+        {{"plist"}, 2, ""},
+        {{"archive", "archive.xml"}, 0, "\"root\": \"grüße\""},
+        {{"archive", "archive.bplist", "--root"}, 0, "\"$archiver\": \"NSKeyedArchiver\""},
+        {{"archive", "missing"}, 1, ""},
+        {{"archive", "--bogus", "archive.xml"}, 2, ""},
+        {{"mbdb", "Manifest.mbdb"}, 0, "833e3d3e378f4857514708306539a5da4ba3151d\t100644\t9\t"},
+        {{"mbdb", "--json", "Manifest.mbdb"}, 0, "\"properties\": {\n            \"k\": \"v\""},
+        {{"mbdb", "cut.xml"}, 1, ""},
+        {{"manifest", "Manifest-DELETE.db", "abc"}, 0, "00000000  01 02 "},
+        {{"manifest", "Manifest-WAL.db", "abc"}, 0, "00000000  01 02 "},
+        {{"manifest", "Manifest-WAL.db", "zzz"}, 1, ""},
+        {{"mmkv", "mmkv.default"}, 0, "\"name\" hex=04416e6e61 int=4 string=\"Anna\""},
+        {{"protobuf", "message.pb", "1"}, 0, "hello"},
+        {{"protobuf", "message.pb", "2", "--as", "int"}, 0, "150"},
+        {{"duration", "voice.slk"}, 0, "00:00:01"},
+        {{"duration", "3f2a9c", "--name", "voice.slk"}, 0, "00:00:03"}, // the name decides
+        {{"duration", "tone.wav"}, 0, "00:00:02"},
+        {{"duration", "missing.wav"}, 1, ""},
+        {{"duration", "cut.slk"}, 1, ""},
+        {{"gunzip", "note.z", "--zlib"}, 0, "evidence"},
+        {{"gzip", "tone.wav"}, 0, "\x1f\x8b"},
+        {{"classify", "x.gif", "voice.slk"},
+         0,
+         "x.gif: picture (type 0), SILK candidate: no, picture header: yes"},
+        {{"classify", "voice.slk"}, 0, "voice.slk: audio (type 1), SILK candidate: yes"},
+        {{"classify", "missing.png", "x.gif", "--json"}, 1, "\"pictureHeader\": true"},
     };
     const std::string before = listing();
-    for (QStringList args : commands) {
-        for (int i = 1; i < args.size(); ++i)
-            if (QFile::exists(path(args[i]))) args[i] = path(args[i]);
-        toolOut(args, 0);
-        EXPECT_EQ(listing(), before) << args.join(' ').toStdString();
+    for (const auto& run : runs) {
+        QStringList args = run.args;
+        for (QString& arg : args)
+            if (QFile::exists(path(arg))) arg = path(arg);
+        const ToolRun r = runTool(args);
+        const std::string what = run.args.join(' ').toStdString();
+        EXPECT_EQ(r.code, run.code) << what << ": " << r.err.toStdString();
+        EXPECT_TRUE(r.out.contains(run.out)) << what << ":\n" << r.out.toStdString();
+        EXPECT_EQ(r.err.count('\n'), run.code == 0 ? 0 : 1) << what << ": " << r.err.toStdString();
+        EXPECT_EQ(listing(), before) << what;
     }
 }
