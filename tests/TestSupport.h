@@ -11,6 +11,7 @@
 #include <QtGlobal>
 
 #include <gtest/gtest.h>
+#include <zlib.h>
 
 #include <atomic>
 #include <functional>
@@ -33,6 +34,21 @@ inline QString writeFile(const QString& path, const QByteArray& bytes) {
 
 inline QString writeFile(const QTemporaryDir& dir, const QString& name, const QByteArray& bytes) {
     return writeFile(dir.filePath(name), bytes);
+}
+
+// data deflated by zlib itself at its default level, independently of the code under test; window
+// bits 15 give a zlib stream (as compress() makes), 31 a gzip member, -15 raw deflate.
+inline QByteArray deflated(QByteArray data, int windowBits = 15) {
+    z_stream s{};
+    deflateInit2(&s, Z_DEFAULT_COMPRESSION, Z_DEFLATED, windowBits, 8, Z_DEFAULT_STRATEGY);
+    QByteArray out(int(deflateBound(&s, uLong(data.size()))) + 32, '\0');
+    s.next_in = reinterpret_cast<Bytef*>(data.data());
+    s.avail_in = uInt(data.size());
+    s.next_out = reinterpret_cast<Bytef*>(out.data());
+    s.avail_out = uInt(out.size());
+    deflate(&s, Z_FINISH);
+    deflateEnd(&s);
+    return out.left(int(s.total_out));
 }
 
 // A SILK voice note of the given number of frames, with or without the leading 0x02.

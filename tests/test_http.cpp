@@ -12,25 +12,9 @@
 #include <QNetworkCookie>
 #include <QPointer>
 
-#include <gtest/gtest.h>
-#include <zlib.h>
-
 namespace {
 
-// window bits 31: gzip, 15: zlib stream, -15: raw deflate.
-QByteArray squeeze(QByteArray data, int windowBits) {
-    z_stream s{};
-    deflateInit2(&s, 9, Z_DEFLATED, windowBits, 8, Z_DEFAULT_STRATEGY);
-    QByteArray out(int(deflateBound(&s, uLong(data.size()))) + 32, '\0');
-    s.next_in = reinterpret_cast<Bytef*>(data.data());
-    s.avail_in = uInt(data.size());
-    s.next_out = reinterpret_cast<Bytef*>(out.data());
-    s.avail_out = uInt(out.size());
-    deflate(&s, Z_FINISH);
-    out.resize(int(s.total_out));
-    deflateEnd(&s);
-    return out;
-}
+const auto squeeze = &deflated;
 
 // An application that undoes the encoding itself asks for it (Qt then leaves the body alone).
 const QMap<QString, QString> kAccept{{"Accept-Encoding", "gzip, deflate"}};
@@ -160,14 +144,11 @@ TEST_F(HttpTest, CookiesStayOutOfTheMemberJarAndSurviveAFile) {
     OpenJar jar;
     jar.setAllCookies(cookies);
     ASSERT_TRUE(jar.save(path));
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::ReadWrite));
-    const QList<QByteArray> lines = file.readAll().split('\n');
+    const QList<QByteArray> lines = readFile(path).split('\n');
     ASSERT_EQ(lines.size(), 4); // one line per cookie, expired ones included
     for (int i = 0; i < 3; ++i)
         EXPECT_EQ(QByteArray::fromBase64(lines[i]), cookies[i].toRawForm());
-    file.write("!!!\n" + QNetworkCookie("late", "2").toRawForm().toBase64() + "\n");
-    file.close();
+    writeFile(path, readFile(path) + "!!!\n" + QNetworkCookie("late", "2").toRawForm().toBase64() + "\n");
 
     OpenJar other;
     other.insertCookie(QNetworkCookie("keep", "1"));
