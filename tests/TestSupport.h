@@ -23,6 +23,11 @@ inline QByteArray readFile(const QString& path) {
     return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
 }
 
+// A file kept with the fuzz targets, such as "crashes/plist/reference-cycle.bplist".
+inline QByteArray fuzzInput(const QString& name) {
+    return readFile(QString(UTILS_SOURCE_DIR) + "/fuzz/" + name);
+}
+
 // Writes bytes to path (replacing it, making its folders) and returns path.
 inline QString writeFile(const QString& path, const QByteArray& bytes) {
     QDir().mkpath(QFileInfo(path).path());
