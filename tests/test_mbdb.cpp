@@ -1,5 +1,5 @@
 // Legacy backup index: header checks, every record field, empty markers, derived fields,
-// truncated input and the mbdb subcommand, on hand-built index files.
+// truncated input, on hand-built index files.
 #include "MbdbUtil.h"
 #include "TestSupport.h"
 
