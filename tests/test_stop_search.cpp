@@ -15,18 +15,23 @@ TEST(StopSearch, FromAnotherThreadEndsALongRecovery) {
                 "INSERT INTO t SELECT i, printf('deleted row %d', i) FROM n");
         db.exec("DELETE FROM t"); // every table page goes to the free list
     }
-    SQliteDbUtil whole, stopped;
-    ASSERT_TRUE(whole.loadDb(path) && stopped.loadDb(path));
+    SQliteDbUtil whole;
+    ASSERT_TRUE(whole.loadDb(path));
     QElapsedTimer timer;
     timer.start();
     const int all = whole.searchLostRecordInFreeSpace("is", false).size();
     const qint64 ms = timer.elapsed();
     ASSERT_GT(all, 50000);
-    std::thread stopper([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(ms / 5));
-        stopped.stopSearch();
-    });
-    const int found = stopped.searchLostRecordInFreeSpace("is", false).size();
-    stopper.join();
+    int found = all;
+    for (int attempt = 0; attempt < 3 && found == all; ++attempt) { // a busy machine may stop too late
+        SQliteDbUtil stopped;
+        ASSERT_TRUE(stopped.loadDb(path));
+        std::thread stopper([&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(ms / 5));
+            stopped.stopSearch();
+        });
+        found = stopped.searchLostRecordInFreeSpace("is", false).size();
+        stopper.join();
+    }
     EXPECT_LT(found, all) << "the whole search took " << ms << " ms";
 }
