@@ -31,34 +31,35 @@ protected:
     static void SetUpTestSuite() {
         dir = new QTemporaryDir;
         QFile::copy(QString(UTILS_SOURCE_DIR) + "/examples/chat.db", path("chat.db"));
-        writeFile(path("archive.xml"), kArchive);
         void* tree = nullptr;
         ASSERT_TRUE(PlistUtils::loadFromData(kArchive, tree));
-        writeFile(path("archive.bplist"), PlistUtils::savaToBinFromByteArray(tree));
+        const QByteArray bplist = PlistUtils::savaToBinFromByteArray(tree);
         plist_free(static_cast<plist_t>(tree));
-        writeFile(path("Manifest.mbdb"), QByteArray("mbdb\x05\x00\x00\x0aHomeDomain\x00\x05"
-                                                    "a.txt",
-                                                    25) +
-                                             QByteArray(6, '\xff') + "\x81\xa4" + QByteArray(28, '\x01') +
-                                             QByteArray(7, '\0') +
-                                             QByteArray("\x09\x03\x01\x00\x01k\x00\x01v", 9));
         for (const char* mode : {"DELETE", "WAL"}) { // in WAL mode a log is beside it while it is open
             fixtures::EngineDb db(path(QString("Manifest-%1.db").arg(mode)));
             db.exec("CREATE TABLE Files (fileID TEXT PRIMARY KEY, domain TEXT, file BLOB)");
             db.exec(QString("INSERT INTO Files VALUES ('abc', 'D', x'0102'); PRAGMA journal_mode = %1")
                         .arg(mode));
         }
-        writeFile(path("mmkv.default"), QByteArray("\x10\0\0\0\x01\x04name\x05\x04"
-                                                   "Anna",
-                                                   16));
-        writeFile(path("message.pb"), QByteArray("\x0a\x05hello\x10\x96\x01", 10));
-        writeFile(path("voice.slk"), silkNote(60, true));
-        writeFile(path("3f2a9c"), silkNote(152, true));
-        writeFile(path("cut.slk"), "\x02#!SILK");
-        writeFile(path("cut.xml"), "<plist><dict><key>a</key>");
-        writeFile(path("x.gif"), "GIF89a");
-        writeFile(path("tone.wav"), wavFile(1000, 2000));
-        writeFile(path("note.z"), deflated("evidence"));
+        const QPair<const char*, QByteArray> files[] = {
+            {"archive.xml", kArchive},
+            {"archive.bplist", bplist},
+            {"Manifest.mbdb", // one record: HomeDomain, a.txt, mode 100644, size 9, property k = v
+             QByteArray::fromHex("6d6264620500000a486f6d65446f6d61696e0005612e747874ffffffffffff81a4"
+                                 "01010101010101010101010101010101010101010101010101010101"
+                                 "0000000000000009030100016b000176")},
+            {"mmkv.default", QByteArray::fromHex("1000000001046e616d650504416e6e61")}, // name = "Anna"
+            {"message.pb", QByteArray::fromHex("0a0568656c6c6f109601")},               // 1: "hello", 2: 150
+            {"voice.slk", silkNote(60, true)},
+            {"3f2a9c", silkNote(152, true)},
+            {"cut.slk", "\x02#!SILK"},
+            {"cut.xml", "<plist><dict><key>a</key>"},
+            {"x.gif", "GIF89a"},
+            {"tone.wav", wavFile(1000, 2000)},
+            {"note.z", deflated("evidence")},
+        };
+        for (const auto& file : files)
+            writeFile(path(file.first), file.second);
         for (const QFileInfo& i : QDir(dir->path()).entryInfoList(QDir::Files)) {
             QFile f(i.filePath());
             ASSERT_TRUE(f.open(QIODevice::ReadWrite) &&
