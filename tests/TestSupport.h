@@ -7,13 +7,25 @@
 #include <QFileInfo>
 #include <QStringList>
 #include <QTemporaryDir>
+#include <QTest>
 #include <QtGlobal>
 
 #include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <atomic>
+#include <functional>
+#include <thread>
+#include <vector>
 
 inline QByteArray readFile(const QString& path) {
     QFile f(path);
     return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+// A file kept with the fuzz targets, such as "crashes/plist/reference-cycle.bplist".
+inline QByteArray fuzzInput(const QString& name) {
+    return readFile(QString(UTILS_SOURCE_DIR) + "/fuzz/" + name);
 }
 
 // Writes bytes to path (replacing it, making its folders) and returns path.
@@ -27,6 +39,52 @@ inline QString writeFile(const QString& path, const QByteArray& bytes) {
 
 inline QString writeFile(const QTemporaryDir& dir, const QString& name, const QByteArray& bytes) {
     return writeFile(dir.filePath(name), bytes);
+}
+
+// data deflated by zlib itself at its default level, independently of the code under test; window
+// bits 15 give a zlib stream (as compress() makes), 31 a gzip member, -15 raw deflate.
+inline QByteArray deflated(QByteArray data, int windowBits = 15) {
+    z_stream s{};
+    deflateInit2(&s, Z_DEFAULT_COMPRESSION, Z_DEFLATED, windowBits, 8, Z_DEFAULT_STRATEGY);
+    QByteArray out(int(deflateBound(&s, uLong(data.size()))) + 32, '\0');
+    s.next_in = reinterpret_cast<Bytef*>(data.data());
+    s.avail_in = uInt(data.size());
+    s.next_out = reinterpret_cast<Bytef*>(out.data());
+    s.avail_out = uInt(out.size());
+    deflate(&s, Z_FINISH);
+    deflateEnd(&s);
+    return out.left(int(s.total_out));
+}
+
+// A SILK voice note of the given number of frames, with or without the leading 0x02.
+inline QByteArray silkNote(int frames, bool leadByte) {
+    QByteArray bytes = leadByte ? QByteArray("\x02#!SILK_V3") : QByteArray("#!SILK_V3");
+    for (int i = 0; i < frames; ++i)
+        bytes += char(10 + i % 60) + QByteArray(1, '\0') + QByteArray(10 + i % 60, 'f');
+    return bytes;
+}
+
+// An 8-bit mono PCM WAV file: its duration is exactly samples / rate.
+inline QByteArray wavFile(quint32 rate, quint32 samples) {
+    const auto le32 = [](quint32 v) { return QByteArray(reinterpret_cast<const char*>(&v), 4); }; // x86
+    return "RIFF" + le32(36 + samples) + "WAVEfmt " + le32(16) + QByteArray("\x01\x00\x01\x00", 4) +
+           le32(rate) + le32(rate) + QByteArray("\x01\x00\x08\x00", 4) + "data" + le32(samples) +
+           QByteArray(int(samples), '\x80');
+}
+
+// Runs body(0) .. body(n - 1) on n threads of their own while this thread serves its events (a
+// local server living here goes on answering), and returns once all have ended.
+inline void onThreads(int n, const std::function<void(int)>& body) {
+    std::atomic<int> running{n};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < n; ++t)
+        threads.emplace_back([&, t] {
+            body(t);
+            --running;
+        });
+    EXPECT_TRUE(QTest::qWaitFor([&] { return running == 0; }, 120000)) << "threads still running";
+    for (std::thread& th : threads)
+        th.join();
 }
 
 // Collects the messages logged while it lives; the previous handler is restored afterwards.

@@ -5,6 +5,8 @@
 #include <QProcess>
 #include <QStringList>
 
+#include <gtest/gtest.h>
+
 struct ToolRun {
     int code = -1; // -1 when the tool crashed or did not finish
     QByteArray out, err;
@@ -13,6 +15,8 @@ struct ToolRun {
 inline bool toolBuilt() {
     return !QString(UTILS_TOOL_PATH).isEmpty();
 }
+#define SKIP_WITHOUT_TOOL()                                                                                  \
+    if (!toolBuilt()) GTEST_SKIP() << "utils-inspect is not built"
 
 inline ToolRun runTool(const QStringList& args, const QByteArray& input = QByteArray()) {
     QProcess p;
@@ -22,4 +26,11 @@ inline ToolRun runTool(const QStringList& args, const QByteArray& input = QByteA
     const bool finished = p.waitForFinished(60000);
     return {finished && p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1, p.readAllStandardOutput(),
             p.readAllStandardError()};
+}
+
+// The tool's standard output, once its exit code has been checked.
+inline QByteArray toolOut(const QStringList& args, int code, const QByteArray& input = QByteArray()) {
+    const ToolRun r = runTool(args, input);
+    EXPECT_EQ(r.code, code) << args.join(' ').toStdString() << ": " << r.err.toStdString();
+    return r.out;
 }

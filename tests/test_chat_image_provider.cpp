@@ -1,12 +1,8 @@
 // The chat image provider with the placeholder pictures of examples/images.qrc, and the tool's
 // contact sheet of those pictures.
 #include "ChatImageProvider.h"
+#include "TestSupport.h"
 #include "ToolRun.h"
-
-#include <QDir>
-#include <QTemporaryDir>
-
-#include <gtest/gtest.h>
 
 static QImage resource(const QString& file) {
     return QImage(":/images/" + file);
@@ -54,17 +50,14 @@ TEST(ChatImageProvider, PrefixRulesAndRegisteredPictures) {
 }
 
 TEST(ChatImageProvider, ToolDrawsAContactSheet) {
-    if (!toolBuilt()) GTEST_SKIP() << "utils-inspect is not built";
+    SKIP_WITHOUT_TOOL();
     QTemporaryDir dir;
-    ASSERT_EQ(runTool({"contact-sheet", dir.filePath("sheet.png")}).code, 0);
+    toolOut({"contact-sheet", dir.filePath("sheet.png")}, 0);
     const QImage sheet(dir.filePath("sheet.png"));
-    EXPECT_GE(sheet.width(), 6 * 128);
-    EXPECT_GE(sheet.height(), 4 * 128);
-    const ToolRun exists = runTool({"contact-sheet", dir.filePath("sheet.png")}); // no --force
-    EXPECT_EQ(exists.code, 1);
-    EXPECT_TRUE(exists.err.contains("utils-inspect: "));
-    EXPECT_EQ(runTool({"contact-sheet", dir.filePath("x.png"), "--columns", "0"}).code, 2);
-    const ToolRun placeholder = runTool({"placeholder", "document/r.pdf", "--json"});
-    EXPECT_EQ(placeholder.code, 0);
-    EXPECT_TRUE(placeholder.out.contains(":/images/qml_pdf.png"));
+    EXPECT_TRUE(sheet.width() >= 6 * 128 && sheet.height() >= 4 * 128)
+        << sheet.width() << "x" << sheet.height();
+    EXPECT_TRUE(runTool({"contact-sheet", dir.filePath("sheet.png")}).err.startsWith("utils-inspect: "));
+    toolOut({"contact-sheet", dir.filePath("sheet.png")}, 1); // no --force
+    toolOut({"contact-sheet", dir.filePath("x.png"), "--columns", "0"}, 2);
+    EXPECT_TRUE(toolOut({"placeholder", "document/r.pdf", "--json"}, 0).contains(":/images/qml_pdf.png"));
 }

@@ -7,8 +7,6 @@
 #include <QDateTime>
 #include <QRegularExpression>
 
-#include <gtest/gtest.h>
-
 #include <ctime>
 
 namespace {

@@ -1,38 +1,20 @@
 // The blocking HTTP client, reply helpers, reply blocker and cookie file, against a local server.
 #include "LocalHttpServer.h"
+#include "TestSupport.h"
 
 #include "NetworkBlocker.h"
 #include "QHttpClient.h"
 #include "QHttpUtils.h"
 
-#include <QCoreApplication>
-#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QNetworkCookie>
 #include <QPointer>
-#include <QTemporaryDir>
-
-#include <gtest/gtest.h>
-#include <zlib.h>
 
 namespace {
 
-// window bits 31: gzip, 15: zlib stream, -15: raw deflate.
-QByteArray squeeze(QByteArray data, int windowBits) {
-    z_stream s{};
-    deflateInit2(&s, 9, Z_DEFLATED, windowBits, 8, Z_DEFAULT_STRATEGY);
-    QByteArray out(int(deflateBound(&s, uLong(data.size()))) + 32, '\0');
-    s.next_in = reinterpret_cast<Bytef*>(data.data());
-    s.avail_in = uInt(data.size());
-    s.next_out = reinterpret_cast<Bytef*>(out.data());
-    s.avail_out = uInt(out.size());
-    deflate(&s, Z_FINISH);
-    out.resize(int(s.total_out));
-    deflateEnd(&s);
-    return out;
-}
+const auto squeeze = &deflated;
 
 // An application that undoes the encoding itself asks for it (Qt then leaves the body alone).
 const QMap<QString, QString> kAccept{{"Accept-Encoding", "gzip, deflate"}};
@@ -162,14 +144,11 @@ TEST_F(HttpTest, CookiesStayOutOfTheMemberJarAndSurviveAFile) {
     OpenJar jar;
     jar.setAllCookies(cookies);
     ASSERT_TRUE(jar.save(path));
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::ReadWrite));
-    const QList<QByteArray> lines = file.readAll().split('\n');
+    const QList<QByteArray> lines = readFile(path).split('\n');
     ASSERT_EQ(lines.size(), 4); // one line per cookie, expired ones included
     for (int i = 0; i < 3; ++i)
         EXPECT_EQ(QByteArray::fromBase64(lines[i]), cookies[i].toRawForm());
-    file.write("!!!\n" + QNetworkCookie("late", "2").toRawForm().toBase64() + "\n");
-    file.close();
+    writeFile(path, readFile(path) + "!!!\n" + QNetworkCookie("late", "2").toRawForm().toBase64() + "\n");
 
     OpenJar other;
     other.insertCookie(QNetworkCookie("keep", "1"));
@@ -194,8 +173,17 @@ TEST_F(HttpTest, CookiesStayOutOfTheMemberJarAndSurviveAFile) {
     EXPECT_FALSE(empty.save(dir.path()));
 }
 
-int main(int argc, char** argv) {
-    QCoreApplication app(argc, argv);
-    ::testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
+TEST_F(HttpTest, ClientsOnSeveralThreadsAtOnce) {
+    server.route("/ping", {200, {}, "pong", 2});
+    const QString base = url("/ping?").toString();
+    std::atomic<int> answered{0};
+    onThreads(3, [&](int t) {
+        QHttpClient mine;
+        for (int i = 0; i < 5; ++i) {
+            QScopedPointer<QNetworkReply> reply(mine.get(QUrl(base + QString("%1-%2").arg(t).arg(i)), {}));
+            answered += reply->error() == QNetworkReply::NoError && reply->readAll() == "pong";
+        }
+    });
+    EXPECT_EQ(answered, 15);
+    EXPECT_EQ(server.requests.size(), 15);
 }

@@ -1,11 +1,6 @@
 // The in-memory picture cache: identifiers, least-recently-used eviction, thread safety.
 #include "ImageCachePool.h"
-
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <thread>
-#include <vector>
+#include "TestSupport.h"
 
 static QImage picture(int size, QRgb color = 0xff336699) {
     QImage image(size, size, QImage::Format_RGB32);
@@ -55,20 +50,16 @@ TEST(ImageCachePool, LeastRecentlyUsedEviction) {
 TEST(ImageCachePool, ConcurrentUse) {
     ImageCachePool pool(16);
     std::atomic<int> wrong{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < 3000; ++i) {
-                const int n = (i * 7 + t * 13) % 40, size = 1 + n % 5;
-                const QString path = QString("p%1").arg(n);
-                if (i % 2 == 0) pool.put(path, size, size, picture(size, 0xff000000u | uint(n)));
-                const QImage img = pool.get(path, size, size); // null when evicted meanwhile
-                wrong += !img.isNull() && (img.width() != size || img.pixel(0, 0) != (0xff000000u | uint(n)));
-                pool.contains(path, size, size);
-            }
-        });
-    for (std::thread& th : threads)
-        th.join();
+    onThreads(8, [&](int t) { // through eviction all the time: 40 pictures for 16 places
+        for (int i = 0; i < 2000; ++i) {
+            const int n = (i * 7 + t * 13) % 40, size = 1 + n % 5;
+            const QString path = QString("p%1").arg(n);
+            if (i % 2 == 0) pool.put(path, size, size, picture(size, 0xff000000u | uint(n)));
+            const QImage img = pool.get(path, size, size); // null when evicted meanwhile
+            wrong += !img.isNull() && (img.width() != size || img.pixel(0, 0) != (0xff000000u | uint(n)));
+            pool.contains(path, size, size);
+        }
+    });
     EXPECT_EQ(wrong, 0);
     int held = 0;
     for (int n = 0; n < 40; ++n)

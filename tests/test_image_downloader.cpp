@@ -1,22 +1,16 @@
 // The queued image downloader (worker thread, disk cache, delivery to the owner's thread) and
 // the LoopThread worker base, against a local server.
 #include "LocalHttpServer.h"
+#include "TestSupport.h"
 
 #include "LoopThread.h"
 #include "QueuedImageDownloader.h"
 
 #include <QBuffer>
-#include <QCoreApplication>
 #include <QCryptographicHash>
 #include <QDir>
 #include <QDirIterator>
-#include <QTemporaryDir>
-#include <QTest>
 #include <QThread>
-
-#include <gtest/gtest.h>
-
-#include <atomic>
 
 namespace {
 
@@ -94,13 +88,9 @@ TEST_F(DownloaderTest, DiskCacheLayoutAndSquareLookup) {
     EXPECT_EQ(items[0].first, square); // the queued pointer itself
     EXPECT_EQ(offThread, 0);
     EXPECT_EQ(hits("/alpha.png"), 1);
-    EXPECT_EQ(items[0].second.size(), QSize(40, 20));
-    EXPECT_EQ(items[1].second.size(), QSize(40, 20));
-    EXPECT_EQ(qAlpha(items[0].second.pixel(0, 0)), 0);
-    EXPECT_EQ(qAlpha(items[1].second.pixel(0, 0)), 255);
-    QFile file(cacheFile(alpha, 40, 40));
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-    EXPECT_EQ(file.read(3), QByteArray("\xff\xd8\xff"));
+    EXPECT_TRUE(items[0].second.size() == QSize(40, 20) && items[1].second.size() == QSize(40, 20));
+    EXPECT_EQ(QPair(qAlpha(items[0].second.pixel(0, 0)), qAlpha(items[1].second.pixel(0, 0))), QPair(0, 255));
+    EXPECT_TRUE(readFile(cacheFile(alpha, 40, 40)).startsWith("\xff\xd8\xff"));
 
     // Wide: stored as id_60_30 but looked up as id_30_30, so fetched every time...
     const QString photo = url("/img");
@@ -119,13 +109,11 @@ TEST_F(DownloaderTest, DiskCacheLayoutAndSquareLookup) {
 
 TEST_F(DownloaderTest, FailedTasksEmitNothingAndCacheNothing) {
     const ImageDownloadTaskPtr sentinel = at("/img", 20, 20);
-    QList<ImageDownloadTaskPtr> tasks;
-    tasks << at("/missing.png", 20, 20) << at("/garbage", 20, 20) << at("/img", 0, 20) << at("/img", 20, -1)
-          << task(QString(), 20, 20) << task("http://127.0.0.1:1/refused.png", 20, 20) << sentinel;
-    downloader.push_back(tasks);
+    downloader.push_back({at("/missing.png", 20, 20), at("/garbage", 20, 20), at("/img", 0, 20),
+                          at("/img", 20, -1), task(QString(), 20, 20),
+                          task("http://127.0.0.1:1/refused.png", 20, 20), sentinel});
     ASSERT_TRUE(delivered(1)); // the queue runs in order: the failures are done
-    ASSERT_EQ(items.size(), 1);
-    EXPECT_EQ(items[0].first, sentinel);
+    EXPECT_TRUE(items.size() == 1 && items[0].first == sentinel);
     EXPECT_EQ(server.targets, (QList<QByteArray>{"/missing.png", "/garbage", "/img"}));
     EXPECT_EQ(filesUnder(cache.path()), 1);
     EXPECT_EQ(downloader.downloadImage(url("/img"), 10, 25).size(), QSize(10, 10)); // on this thread
@@ -150,6 +138,35 @@ TEST_F(DownloaderTest, QueueOrderRemoveAndClear) {
     downloader.push_back({at("/img?z")});
     ASSERT_TRUE(delivered(8));
     EXPECT_EQ(server.targets.mid(6), (QList<QByteArray>{"/slow?2", "/img?z"}));
+}
+
+TEST_F(DownloaderTest, QueueEditedFromSeveralThreadsWhileTheWorkerRuns) {
+    const QString base = url("/img?");
+    const auto some = [&](int n) { return task(base + QString::number(n % 10), 8, 8); };
+    const std::function<void(int)> edits[] = {
+        [&](int i) {
+            downloader.push_back({some(i), some(i + 1)});
+        },
+        [&](int i) { downloader.push_front({some(i)}); },
+        [&](int i) {
+            downloader.remove({some(i - 1), some(i + 3)});
+        },
+        [&](int i) { i % 25 == 3 ? downloader.clear() : downloader.push_back({some(i + 7)}); },
+    };
+    onThreads(3, [&](int t) {
+        for (int i = 0; i < 150; ++i) {
+            edits[(i + t) % 4](i);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
+    downloader.clear();
+    const ImageDownloadTaskPtr last = task(base + "last", 8, 8);
+    downloader.push_back({last});
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !items.isEmpty() && items.last().first == last; }, 30000));
+    EXPECT_GT(items.size(), 1);
+    for (const auto& item : items)
+        EXPECT_EQ(item.second.size(), QSize(8, 8));
+    EXPECT_EQ(offThread, 0);
 }
 
 namespace {
@@ -189,10 +206,4 @@ TEST(LoopThread, StartStopAndRestart) {
     ASSERT_TRUE(endless.waitForPasses(1));
     endless.stop();
     EXPECT_LE(endless.passes, 2);
-}
-
-int main(int argc, char** argv) {
-    QCoreApplication app(argc, argv);
-    ::testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
 }

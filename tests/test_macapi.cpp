@@ -1,10 +1,5 @@
 #include "MacAPIUtil.h"
-
-#include <QFile>
-#include <QFileInfo>
-#include <QTemporaryDir>
-
-#include <gtest/gtest.h>
+#include "TestSupport.h"
 
 TEST(MacAPI, VersionAndProbe) {
     const QVersionNumber version = MacAPIUtil::OSVersion();
@@ -12,13 +7,11 @@ TEST(MacAPI, VersionAndProbe) {
     const bool probed = version < QVersionNumber(10, 14, 0); // a null version is probed too
 
     QTemporaryDir tmp;
-    ASSERT_TRUE(tmp.isValid());
     EXPECT_TRUE(MacAPIUtil::checkDiskAccesePermition(tmp.filePath("a/b")));
     EXPECT_FALSE(QFileInfo::exists(tmp.filePath("a/b/access")));
     EXPECT_EQ(QFileInfo(tmp.filePath("a/b")).isDir(), probed);
     // Below a plain file no folder can be made: the probe fails.
-    ASSERT_TRUE(QFile(tmp.filePath("file")).open(QIODevice::WriteOnly));
-    EXPECT_EQ(MacAPIUtil::checkDiskAccesePermition(tmp.filePath("file/sub")), !probed);
+    EXPECT_EQ(MacAPIUtil::checkDiskAccesePermition(writeFile(tmp, "file", "") + "/sub"), !probed);
 #ifndef __APPLE__
     EXPECT_FALSE(MacAPIUtil::openSystemPreferences());
 #endif

@@ -1,19 +1,11 @@
 // Legacy backup index: header checks, every record field, empty markers, derived fields,
-// truncated input and the mbdb subcommand, on hand-built index files.
+// truncated input, on hand-built index files.
 #include "MbdbUtil.h"
-#include "ToolRun.h"
+#include "TestSupport.h"
 
-#include <gtest/gtest.h>
 #include <openssl/sha.h>
 
-#include <QFile>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QTemporaryDir>
-
 #include <initializer_list>
-#include <thread>
 
 #include <sys/stat.h>
 
@@ -56,11 +48,7 @@ QString sha1Hex(const QByteArray& text) {
 class Mbdb : public ::testing::Test {
 protected:
     QString write(const QByteArray& bytes) {
-        const QString path = dir.filePath(QString("index%1.mbdb").arg(++count));
-        QFile f(path);
-        EXPECT_TRUE(f.open(QIODevice::WriteOnly));
-        f.write(bytes);
-        return path;
+        return writeFile(dir, QString("index%1.mbdb").arg(++count), bytes);
     }
     QList<QSharedPointer<MbdbRecord>> load(const QByteArray& bytes) {
         EXPECT_TRUE(util.loadDb(write(bytes)));
@@ -158,23 +146,4 @@ TEST_F(Mbdb, TruncatedRecordsComeBackWithZeros) {
     EXPECT_TRUE(records.first()->domain.isEmpty());
 
     EXPECT_EQ(MbdbUtil::readBytes(nullptr, 10), QByteArray());
-}
-
-TEST_F(Mbdb, InspectToolListsRecords) {
-    if (!toolBuilt()) GTEST_SKIP() << "utils-inspect not built";
-    Writer w;
-    w.fields({"HomeDomain", "Library/Preferences/x.plist", kEmpty, kEmpty, kEmpty}).fixed(0100644, 123, 1);
-    const QString path = write(w.fields({"k", "v"}).bytes);
-    auto run = [](const QStringList& args, int code) {
-        const ToolRun r = runTool(args);
-        EXPECT_EQ(r.code, code);
-        return r.out;
-    };
-    EXPECT_TRUE(run({"mbdb", path}, 0).startsWith("1716f8954804ed65ce49136002f8ece136feea57\t100644\t123\t"));
-    const QJsonObject record =
-        QJsonDocument::fromJson(run({"mbdb", "--json", path}, 0)).array().at(0).toObject();
-    EXPECT_EQ(record.value("path"), QJsonValue("Library/Preferences/x.plist"));
-    EXPECT_EQ(record.value("lastModified"), QJsonValue(1300000000));
-    EXPECT_EQ(record.value("properties"), QJsonValue(QJsonObject{{"k", "v"}}));
-    EXPECT_TRUE(run({"mbdb", write("MBDB\x05")}, 1).isEmpty());
 }

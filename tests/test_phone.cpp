@@ -1,22 +1,9 @@
 #include "PhoneNumberHelper.h"
 
-#include <QRegularExpression>
-#include <QSet>
-
 #include <gtest/gtest.h>
 
-TEST(Phone, PrefixTable) {
-    ASSERT_EQ(sizeof(countryCodesData) / sizeof(countryCodesData[0]), 1222u);
-    QSet<QString> prefixes;
-    const QRegularExpression pairForm("^\\d{1,7} [A-Z]{2}$");
-    for (int i = 0; i < 1222; i += 2) {
-        EXPECT_TRUE(pairForm.match(countryCodesData[i] + " " + countryCodesData[i + 1]).hasMatch()) << i;
-        prefixes.insert(countryCodesData[i]);
-    }
-    EXPECT_EQ(prefixes.size(), 611);
-
+TEST(Phone, PrefixLookup) {
     PhoneNumberHelper* helper = PhoneNumberHelper::instance();
-    EXPECT_EQ(helper, PhoneNumberHelper::instance());
     EXPECT_EQ(helper->findCountryByPrefix("6189164"), "CX");
     EXPECT_EQ(helper->findCountryByPrefix("1"), "");
     EXPECT_EQ(helper->findCountryByPrefix(" 86"), "");

@@ -1,18 +1,13 @@
 // Property-list utilities: both formats, typed access, JSON conversion, iteration, the parser
-// guards against hostile binary lists, the binary writer and the plist subcommand.
+// guards against hostile lists (kept with the fuzz inputs) and the binary writer.
 #include "PlistUtils.h"
 #include "TestSupport.h"
-#include "ToolRun.h"
 
-#include <gtest/gtest.h>
 #include <plist/plist.h>
 
-#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QTemporaryDir>
-#include <QtEndian>
 
 #include <functional>
 #include <memory>
@@ -48,34 +43,6 @@ const QJsonObject kSampleJson = QJsonDocument::fromJson(R"({"bool": true, "int":
                                                         R"("uid": null, "array": [1, "two", {}]})")
                                     .object();
 
-QByteArray be32(quint32 v) {
-    uchar b[4];
-    qToBigEndian(v, b);
-    return QByteArray(reinterpret_cast<const char*>(b), 4);
-}
-
-// A hand-built binary list with four-byte offsets and references; objects are arrays of
-// references, or an integer leaf when refs is empty.
-QByteArray binaryList(const QList<QList<quint32>>& objects) {
-    QByteArray out("bplist00"), table;
-    for (const auto& refs : objects) {
-        table += be32(quint32(out.size()));
-        out += refs.isEmpty() ? QByteArray("\x10\x05", 2) : QByteArray(1, char(0xA0 | refs.size()));
-        for (quint32 r : refs)
-            out += be32(r);
-    }
-    const quint32 at = quint32(out.size());
-    return out + table + QByteArray(6, '\0') + "\x04\x04" + be32(0) + be32(quint32(objects.size())) +
-           be32(0) + be32(0) + be32(0) + be32(at);
-}
-
-QList<QList<quint32>> chain(quint32 length, int width) {
-    QList<QList<quint32>> objects;
-    for (quint32 i = 0; i < length; ++i)
-        objects << QVector<quint32>(width, i + 1).toList();
-    return objects << QList<quint32>();
-}
-
 } // namespace
 
 TEST(PlistUtils, RoundTripsEveryNodeTypeThroughBothFormats) {
@@ -83,10 +50,8 @@ TEST(PlistUtils, RoundTripsEveryNodeTypeThroughBothFormats) {
     QTemporaryDir dir;
     const QString xml = dir.filePath("s.xml"), bin = dir.filePath("s.plist");
     ASSERT_TRUE(P::saveToXml(xml, sample.get()) && P::saveToBin(bin, sample.get()));
-    EXPECT_TRUE(readFile(xml).startsWith("<?xml"));
-    EXPECT_TRUE(readFile(bin).startsWith("bplist00"));
     EXPECT_EQ(readFile(bin), P::savaToBinFromByteArray(sample.get()));
-    EXPECT_TRUE(P::toXml(sample.get()).contains("<key>text</key>"));
+    EXPECT_EQ(readFile(xml), P::toXml(sample.get()).toUtf8());
 
     for (const QString& path : {xml, bin}) {
         void* root = nullptr;
@@ -189,24 +154,17 @@ TEST(PlistUtils, FailedLoadsAndSavesLeaveEverythingUntouched) {
 }
 
 TEST(PlistUtils, ParserGuardsRefuseHostileListsOnly) {
+    // 2^30 nodes when expanded, a reference cycle, 5000 levels of either kind, and a dictionary key
+    // with a zero character, on which libplist 2.2 aborts; "." in its place is harmless.
     void* root = nullptr;
-    EXPECT_FALSE(P::loadFromData(binaryList(chain(30, 2)), root)); // 2^30 nodes expanded
-    EXPECT_FALSE(P::loadFromData(binaryList({{0}}), root));        // a reference cycle
-    EXPECT_FALSE(P::loadFromData(binaryList(chain(5000, 1)), root));
-    // A key with a zero character, on which libplist 2.2 aborts, is refused.
-    for (const char zero : {'\0', '.'}) {
-        const QByteArray list = "bplist00" + QByteArray("\xd1\x01\x02\x53\x61", 5) + zero +
-                                QByteArray("\x62\x09\x08\x0b\x0f", 5) + QByteArray(6, '\0') + "\x01\x01" +
-                                QByteArray(7, '\0') + "\x03" + QByteArray(15, '\0') + "\x10";
-        ASSERT_EQ(P::loadFromData(list, root), zero != '\0');
-        if (zero != '\0') plist_free(static_cast<plist_t>(root));
-    }
-    EXPECT_FALSE(P::loadFromData("<plist>" + QByteArray("<array>").repeated(5000) +
-                                     QByteArray("</array>").repeated(5000) + "</plist>",
-                                 root));
+    for (const char* name : {"shared-2-to-the-30.bplist", "reference-cycle.bplist", "chain-5000-deep.bplist",
+                             "nested-5000-deep.xml", "zero-in-dictionary-key.bplist"})
+        EXPECT_FALSE(P::loadFromData(fuzzInput(QString("crashes/plist/") + name), root)) << name;
+    ASSERT_TRUE(P::loadFromData(fuzzInput("seeds/plist/dot-in-dictionary-key.bplist"), root));
+    plist_free(static_cast<plist_t>(root));
 
     // Modest sharing and nesting load as they always did.
-    ASSERT_TRUE(P::loadFromData(binaryList(chain(3, 2)), root));
+    ASSERT_TRUE(P::loadFromData(fuzzInput("seeds/plist/shared-2-to-the-3.bplist"), root));
     Tree shared(root);
     const QJsonArray l2({QJsonArray{5, 5}, QJsonArray{5, 5}});
     EXPECT_EQ(P::toJson(root), QJsonValue(QJsonArray{l2, l2}));
@@ -254,32 +212,12 @@ TEST(PlistUtils, BinaryWriterEncodingsAndSpeed) {
     EXPECT_EQ(P::getUidValue(plist_array_get_item(parsed, 24)), 300u);
     EXPECT_EQ(P::getUidValue(plist_array_get_item(parsed, 25)), 5u); // UIDs keep 32 bits
 
+    // Past 65536 objects, references take three bytes (bench_plist measures the speed).
     Tree many(plist_new_array());
-    for (int i = 0; i < 200000; ++i) {
-        plist_t d = plist_new_dict();
-        plist_dict_set_item(d, "n", plist_new_uint(uint64_t(i)));
-        plist_array_append_item(static_cast<plist_t>(many.get()), d);
-    }
-    const QByteArray big = P::savaToBinFromByteArray(many.get()); // bench_plist measures its speed
+    for (int i = 0; i < 200000; ++i)
+        plist_array_append_item(static_cast<plist_t>(many.get()), plist_new_uint(uint64_t(i) << 20));
     void* loaded = nullptr;
-    ASSERT_TRUE(P::loadFromData(big, loaded));
+    ASSERT_TRUE(P::loadFromData(P::savaToBinFromByteArray(many.get()), loaded));
     Tree bigTree(loaded);
-    EXPECT_EQ(P::getUint64Value(plist_array_get_item(static_cast<plist_t>(loaded), 199999), "n"), 199999u);
-}
-
-TEST(PlistUtils, InspectToolPrintsListsAsJson) {
-    if (!toolBuilt()) GTEST_SKIP() << "utils-inspect not built";
-    QTemporaryDir dir;
-    Tree sample = makeSample();
-    ASSERT_TRUE(P::saveToXml(dir.filePath("s.xml"), sample.get()));
-    writeFile(dir.filePath("cut.xml"), "<plist><dict><key>a</key>");
-    for (const QString& name : QStringList{"s.xml", "cut.xml", "missing", ""}) {
-        const ToolRun r =
-            runTool(name.isEmpty() ? QStringList{"plist"} : QStringList{"plist", dir.filePath(name)});
-        EXPECT_EQ(r.code, name == "s.xml" ? 0 : name.isEmpty() ? 2 : 1) << name.toStdString();
-        if (name == "s.xml")
-            EXPECT_EQ(QJsonDocument::fromJson(r.out).object().value("text"), QJsonValue("grüße"));
-        else
-            EXPECT_EQ(r.err.count('\n'), 1) << r.err.toStdString();
-    }
+    EXPECT_EQ(P::getUint64Value(plist_array_get_item(static_cast<plist_t>(loaded), 199999)), 199999ull << 20);
 }

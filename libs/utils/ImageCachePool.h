@@ -7,8 +7,9 @@
 #include <QHash>
 #include <QImage>
 #include <QList>
-#include <QMutex>
 #include <QString>
+
+#include <mutex>
 
 class UTILS_EXPORT ImageCachePool {
 public:
@@ -27,7 +28,9 @@ public:
 
 private:
     int m_capacity;
-    QMutex m_lock;
+    // A standard mutex rather than a QMutex: a contended QMutex waits inside QtCore, where a
+    // thread checker cannot see the lock being taken.
+    std::mutex m_lock;
     QHash<QString, QImage> m_images;
     QList<QString> m_order; // most recently used first
 };

@@ -42,18 +42,22 @@ QueuedImageDownloader::~QueuedImageDownloader() {
 }
 
 void QueuedImageDownloader::push_back(const QList<ImageDownloadTaskPtr>& tasks) {
-    QMutexLocker locker(&m_lock);
-    m_queue.append(tasks);
+    std::lock_guard<std::mutex> locker(m_lock);
+    // Element by element: appending a whole list to an empty queue would share the caller's list
+    // data, which the caller's thread then releases while the worker edits the queue in place
+    // (Qt's check for a shared list is a relaxed read, so nothing orders the two).
+    for (const ImageDownloadTaskPtr& task : tasks)
+        m_queue.append(task);
 }
 
 void QueuedImageDownloader::push_front(const QList<ImageDownloadTaskPtr>& tasks) {
-    QMutexLocker locker(&m_lock);
+    std::lock_guard<std::mutex> locker(m_lock);
     for (int i = tasks.size() - 1; i >= 0; --i)
         m_queue.prepend(tasks.at(i));
 }
 
 void QueuedImageDownloader::remove(const QList<ImageDownloadTaskPtr>& tasks) {
-    QMutexLocker locker(&m_lock);
+    std::lock_guard<std::mutex> locker(m_lock);
     for (const ImageDownloadTaskPtr& task : tasks) {
         if (!task) continue;
         for (int i = m_queue.size() - 1; i >= 0; --i) {
@@ -64,7 +68,7 @@ void QueuedImageDownloader::remove(const QList<ImageDownloadTaskPtr>& tasks) {
 }
 
 void QueuedImageDownloader::clear() {
-    QMutexLocker locker(&m_lock);
+    std::lock_guard<std::mutex> locker(m_lock);
     m_queue = QList<ImageDownloadTaskPtr>();
 }
 
@@ -72,7 +76,7 @@ void QueuedImageDownloader::threadRoutine() {
     while (!m_quit) {
         ImageDownloadTaskPtr task;
         {
-            QMutexLocker locker(&m_lock);
+            std::lock_guard<std::mutex> locker(m_lock);
             if (!m_queue.isEmpty()) task = m_queue.takeFirst();
         }
         if (!task) {

@@ -10,6 +10,7 @@
 #include <QJsonObject>
 #include <QSqlError>
 #include <QSqlQuery>
+#include <QUrl>
 
 #include <exception>
 
@@ -60,9 +61,18 @@ int readManifest(const QString& dbPath, const QString& fileId, const Args& args)
     }
 
     QSqlDatabase db = DbUtils::dataBase(MANIFESTDB, dbPath);
-    // The examined database is only read: open it read-only, keeping the regular options.
+    // The examined database is only read: open it read-only, keeping the regular options. Without
+    // a write-ahead log beside it, open it immutable too: a read-only connection to a database in
+    // WAL mode would otherwise create -wal and -shm files next to it and leave them there.
     if (!db.isOpen()) {
-        db.setConnectOptions("QSQLITE_ENABLE_REGEXP;QSQLITE_OPEN_READONLY");
+        QString options = "QSQLITE_ENABLE_REGEXP;QSQLITE_OPEN_READONLY";
+        if (!QFileInfo::exists(dbPath + "-wal")) {
+            options += ";QSQLITE_OPEN_URI";
+            db.setDatabaseName(
+                QUrl::fromLocalFile(QFileInfo(dbPath).absoluteFilePath()).toString(QUrl::FullyEncoded) +
+                "?immutable=1");
+        }
+        db.setConnectOptions(options);
         if (!db.open())
             return fail(QString("manifest: %1: cannot open: %2").arg(dbPath, db.lastError().text()));
     }

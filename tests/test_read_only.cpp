@@ -1,0 +1,203 @@
+// Examined files are only ever read: every reader of the library and every reading command of
+// utils-inspect runs over real files in a folder of their own, and afterwards each file's bytes and
+// modification time and the folder's listing must be as before (no -journal, -wal, -shm or lock
+// file). A new reader, command or file is one row.
+#include "SqliteFixtures.h"
+#include "ToolRun.h"
+
+#include "DbUtils.h"
+#include "MMKVParser.h"
+#include "MbdbUtil.h"
+#include "NSKeyedArchiver.h"
+#include "OSUtils.h"
+#include "PlistUtils.h"
+#include "RawMessage.h"
+#include "SQliteDbUtil.h"
+
+#include <QCryptographicHash>
+#include <QDateTime>
+#include <plist/plist.h>
+
+namespace {
+
+const QByteArray kArchive = R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>
+<key>$archiver</key><string>NSKeyedArchiver</string><key>$version</key><integer>100000</integer>
+<key>$top</key><dict><key>root</key><dict><key>CF$UID</key><integer>1</integer></dict></dict>
+<key>$objects</key><array><string>$null</string><string>grüße</string></array></dict></plist>)";
+
+// The examined folder, made once; every file dated 2001, so that a write would show.
+class ReadOnly : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        dir = new QTemporaryDir;
+        QFile::copy(QString(UTILS_SOURCE_DIR) + "/examples/chat.db", path("chat.db"));
+        void* tree = nullptr;
+        ASSERT_TRUE(PlistUtils::loadFromData(kArchive, tree));
+        const QByteArray bplist = PlistUtils::savaToBinFromByteArray(tree);
+        plist_free(static_cast<plist_t>(tree));
+        for (const char* mode : {"DELETE", "WAL"}) { // in WAL mode a log is beside it while it is open
+            fixtures::EngineDb db(path(QString("Manifest-%1.db").arg(mode)));
+            db.exec("CREATE TABLE Files (fileID TEXT PRIMARY KEY, domain TEXT, file BLOB)");
+            db.exec(QString("INSERT INTO Files VALUES ('abc', 'D', x'0102'); PRAGMA journal_mode = %1")
+                        .arg(mode));
+        }
+        const QPair<const char*, QByteArray> files[] = {
+            {"archive.xml", kArchive},
+            {"archive.bplist", bplist},
+            {"Manifest.mbdb", // one record: HomeDomain, a.txt, mode 100644, size 9, property k = v
+             QByteArray::fromHex("6d6264620500000a486f6d65446f6d61696e0005612e747874ffffffffffff81a4"
+                                 "01010101010101010101010101010101010101010101010101010101"
+                                 "0000000000000009030100016b000176")},
+            {"mmkv.default", QByteArray::fromHex("1000000001046e616d650504416e6e61")}, // name = "Anna"
+            {"message.pb", QByteArray::fromHex("0a0568656c6c6f109601")},               // 1: "hello", 2: 150
+            {"voice.slk", silkNote(60, true)},
+            {"3f2a9c", silkNote(152, true)},
+            {"cut.slk", "\x02#!SILK"},
+            {"cut.xml", "<plist><dict><key>a</key>"},
+            {"x.gif", "GIF89a"},
+            {"tone.wav", wavFile(1000, 2000)},
+            {"note.z", deflated("evidence")},
+        };
+        for (const auto& file : files)
+            writeFile(path(file.first), file.second);
+        for (const QFileInfo& i : QDir(dir->path()).entryInfoList(QDir::Files)) {
+            QFile f(i.filePath());
+            ASSERT_TRUE(f.open(QIODevice::ReadWrite) &&
+                        f.setFileTime(QDateTime(QDate(2001, 1, 1), QTime(12, 0), Qt::UTC),
+                                      QFileDevice::FileModificationTime));
+        }
+    }
+    static void TearDownTestSuite() { delete dir; }
+    static QString path(const QString& name) { return dir->filePath(name); }
+
+    // Name, modification time and digest of every entry, hidden ones included.
+    static std::string listing() {
+        QStringList out;
+        for (const QFileInfo& i :
+             QDir(dir->path())
+                 .entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot))
+            out << i.fileName() + " " + i.lastModified().toUTC().toString(Qt::ISODate) + " " +
+                       QCryptographicHash::hash(readFile(i.filePath()), QCryptographicHash::Sha1).toHex();
+        return out.join('\n').toStdString();
+    }
+
+    static QTemporaryDir* dir;
+};
+QTemporaryDir* ReadOnly::dir = nullptr;
+
+} // namespace
+
+TEST_F(ReadOnly, LibraryReaders) {
+    const QList<QPair<const char*, std::function<void()>>> readers = {
+        {"SQliteDbUtil",
+         [] {
+             SQliteDbUtil db;
+             ASSERT_TRUE(db.loadDb(path("chat.db")));
+             for (const SQliteTable& t : db.fetchAllTable()) {
+                 db.fetchRecordsInTable(t.name);
+                 db.searchLostRecord(t.name, "is", true);
+             }
+             EXPECT_FALSE(db.searchLostRecordInFreeSpace("iissii", true).isEmpty());
+         }},
+        {"PlistUtils, NSKeyedArchiver",
+         [] {
+             for (const char* name : {"archive.xml", "archive.bplist"}) {
+                 void* tree = nullptr;
+                 ASSERT_TRUE(PlistUtils::loadFromFile(path(name), tree)) << name;
+                 plist_free(static_cast<plist_t>(tree));
+                 NSKeyedArchiver archive;
+                 EXPECT_TRUE(archive.loadFromFile(path(name)) && archive.loadRootFromFile(path(name)))
+                     << name;
+             }
+         }},
+        {"MbdbUtil",
+         [] {
+             MbdbUtil index;
+             EXPECT_TRUE(index.loadDb(path("Manifest.mbdb")) && index.fetchRecords().size() == 1);
+         }},
+        {"DbUtils",
+         [] {
+             for (const char* name : {"Manifest-DELETE.db", "Manifest-WAL.db"}) {
+                 QSqlDatabase db = DbUtils::dataBase(MANIFESTDB, path(name));
+                 ASSERT_TRUE(db.open());
+                 EXPECT_EQ(DbUtils::rowCount(db, "SELECT COUNT(*) FROM Files"), 1);
+                 EXPECT_EQ(DbUtils::readManifestBlobData(db, "abc"), QByteArray("\x01\x02"));
+                 db.close();
+             }
+         }},
+        {"MMKVParser", [] { EXPECT_EQ(MMKVParser(path("mmkv.default")).getString("name"), "Anna"); }},
+        {"RawMessage", [] { EXPECT_TRUE(RawMessage().mergeFile(path("message.pb").toStdString())); }},
+        {"OSUtils",
+         [] {
+             LogCapture quiet; // the header probes log what they read
+             EXPECT_EQ(OSUtils::readSilk(path("voice.slk")), 1);
+             EXPECT_EQ(OSUtils::getMediaDuration("tone.wav", path("tone.wav"), "mm:ss"), "00:02");
+             for (const QFileInfo& i : QDir(dir->path()).entryInfoList(QDir::Files)) {
+                 OSUtils::getFileType(i.filePath());
+                 OSUtils::isPictureMagic(i.filePath()) || OSUtils::isVideoMagic(i.filePath());
+             }
+         }},
+    };
+    const std::string before = listing();
+    for (const auto& reader : readers) {
+        reader.second();
+        EXPECT_EQ(listing(), before) << reader.first;
+    }
+}
+
+// Each reading command, also when it fails, with what it prints: the tool's suites of record.
+TEST_F(ReadOnly, ToolCommands) {
+    SKIP_WITHOUT_TOOL();
+    const struct {
+        QStringList args;
+        int code;
+        QByteArray out; // a part of the standard output
+    } runs[] = {
+        {{"tables", "chat.db"}, 0, "2 free-list pages"},
+        {{"rows", "chat.db", "message"}, 0, ""},
+        {{"recover", "chat.db", "message", "iissii", "--with-header", "--free-list"}, 0, ""},
+        {{"freelist", "chat.db", "is"}, 0, "free-list pages: [11,12]"},
+        {{"plist", "archive.xml"}, 0, "\"grüße\""}, // UTF-8 as it is
+        {{"plist", "archive.bplist"}, 0, "\"$archiver\": \"NSKeyedArchiver\""},
+        {{"plist", "cut.xml"}, 1, ""},
+        {{"plist", "missing"}, 1, ""},
+        {{"plist"}, 2, ""},
+        {{"archive", "archive.xml"}, 0, "\"root\": \"grüße\""},
+        {{"archive", "archive.bplist", "--root"}, 0, "\"$archiver\": \"NSKeyedArchiver\""},
+        {{"archive", "missing"}, 1, ""},
+        {{"archive", "--bogus", "archive.xml"}, 2, ""},
+        {{"mbdb", "Manifest.mbdb"}, 0, "833e3d3e378f4857514708306539a5da4ba3151d\t100644\t9\t"},
+        {{"mbdb", "--json", "Manifest.mbdb"}, 0, "\"properties\": {\n            \"k\": \"v\""},
+        {{"mbdb", "cut.xml"}, 1, ""},
+        {{"manifest", "Manifest-DELETE.db", "abc"}, 0, "00000000  01 02 "},
+        {{"manifest", "Manifest-WAL.db", "abc"}, 0, "00000000  01 02 "},
+        {{"manifest", "Manifest-WAL.db", "zzz"}, 1, ""},
+        {{"mmkv", "mmkv.default"}, 0, "\"name\" hex=04416e6e61 int=4 string=\"Anna\""},
+        {{"protobuf", "message.pb", "1"}, 0, "hello"},
+        {{"protobuf", "message.pb", "2", "--as", "int"}, 0, "150"},
+        {{"duration", "voice.slk"}, 0, "00:00:01"},
+        {{"duration", "3f2a9c", "--name", "voice.slk"}, 0, "00:00:03"}, // the name decides
+        {{"duration", "tone.wav"}, 0, "00:00:02"},
+        {{"duration", "missing.wav"}, 1, ""},
+        {{"duration", "cut.slk"}, 1, ""},
+        {{"gunzip", "note.z", "--zlib"}, 0, "evidence"},
+        {{"gzip", "tone.wav"}, 0, "\x1f\x8b"},
+        {{"classify", "x.gif", "voice.slk"},
+         0,
+         "x.gif: picture (type 0), SILK candidate: no, picture header: yes"},
+        {{"classify", "voice.slk"}, 0, "voice.slk: audio (type 1), SILK candidate: yes"},
+        {{"classify", "missing.png", "x.gif", "--json"}, 1, "\"pictureHeader\": true"},
+    };
+    const std::string before = listing();
+    for (const auto& run : runs) {
+        QStringList args = run.args;
+        for (QString& arg : args)
+            if (QFile::exists(path(arg))) arg = path(arg);
+        const ToolRun r = runTool(args);
+        const std::string what = run.args.join(' ').toStdString();
+        EXPECT_EQ(r.code, run.code) << what << ": " << r.err.toStdString();
+        EXPECT_TRUE(r.out.contains(run.out)) << what << ":\n" << r.out.toStdString();
+        EXPECT_EQ(r.err.count('\n'), run.code == 0 ? 0 : 1) << what << ": " << r.err.toStdString();
+        EXPECT_EQ(listing(), before) << what;
+    }
+}
