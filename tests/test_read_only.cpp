@@ -155,7 +155,8 @@ TEST_F(ReadOnly, ToolCommands) {
     } runs[] = {
         {{"tables", "chat.db"}, 0, "2 free-list pages"},
         {{"rows", "chat.db", "message"}, 0, ""},
-        {{"recover", "chat.db", "message", "iissii", "--with-header", "--free-list"}, 0, ""},
+        {{"recover", "chat.db", "message", "iissii", "--raw", "--with-header", "--free-list"}, 0, ""},
+        {{"recover", "chat.db", "message", "--all", "--csv"}, 0, "page,offset,region,verdict"},
         {{"freelist", "chat.db", "is"}, 0, "free-list pages: [11,12]"},
         {{"plist", "archive.xml"}, 0, "\"grüße\""}, // UTF-8 as it is
         {{"plist", "archive.bplist"}, 0, "\"$archiver\": \"NSKeyedArchiver\""},

@@ -1,9 +1,11 @@
 #include "ImageCachePool.h"
 
+#include <QMutexLocker>
+
 ImageCachePool::ImageCachePool(int capacity) : m_capacity(capacity) {}
 
 QImage ImageCachePool::get(const QString& path, int w, int h) {
-    std::lock_guard<std::mutex> locker(m_lock);
+    QMutexLocker locker(&m_lock);
     const QString id = getImageId(path, w, h);
     auto it = m_images.constFind(id);
     if (it == m_images.constEnd()) return QImage();
@@ -13,7 +15,7 @@ QImage ImageCachePool::get(const QString& path, int w, int h) {
 }
 
 void ImageCachePool::put(const QString& path, int w, int h, const QImage& image) {
-    std::lock_guard<std::mutex> locker(m_lock);
+    QMutexLocker locker(&m_lock);
     const QString id = getImageId(path, w, h);
     auto it = m_images.find(id);
     if (it != m_images.end()) {
@@ -31,7 +33,7 @@ void ImageCachePool::put(const QString& path, int w, int h, const QImage& image)
 }
 
 bool ImageCachePool::contains(const QString& path, int w, int h) {
-    std::lock_guard<std::mutex> locker(m_lock);
+    QMutexLocker locker(&m_lock);
     return m_images.contains(getImageId(path, w, h));
 }
 

@@ -7,9 +7,8 @@
 #include <QHash>
 #include <QImage>
 #include <QList>
+#include <QMutex>
 #include <QString>
-
-#include <mutex>
 
 class UTILS_EXPORT ImageCachePool {
 public:
@@ -28,9 +27,7 @@ public:
 
 private:
     int m_capacity;
-    // A standard mutex rather than a QMutex: a contended QMutex waits inside QtCore, where a
-    // thread checker cannot see the lock being taken.
-    std::mutex m_lock;
+    QMutex m_lock;
     QHash<QString, QImage> m_images;
     QList<QString> m_order; // most recently used first
 };

@@ -1,5 +1,7 @@
 #include "QueuedImageDownloader.h"
 
+#include <QMutexLocker>
+
 #include "OSUtils.h"
 
 #include <QCryptographicHash>
@@ -42,7 +44,7 @@ QueuedImageDownloader::~QueuedImageDownloader() {
 }
 
 void QueuedImageDownloader::push_back(const QList<ImageDownloadTaskPtr>& tasks) {
-    std::lock_guard<std::mutex> locker(m_lock);
+    QMutexLocker locker(&m_lock);
     // Element by element: appending a whole list to an empty queue would share the caller's list
     // data, which the caller's thread then releases while the worker edits the queue in place
     // (Qt's check for a shared list is a relaxed read, so nothing orders the two).
@@ -51,13 +53,13 @@ void QueuedImageDownloader::push_back(const QList<ImageDownloadTaskPtr>& tasks) 
 }
 
 void QueuedImageDownloader::push_front(const QList<ImageDownloadTaskPtr>& tasks) {
-    std::lock_guard<std::mutex> locker(m_lock);
+    QMutexLocker locker(&m_lock);
     for (int i = tasks.size() - 1; i >= 0; --i)
         m_queue.prepend(tasks.at(i));
 }
 
 void QueuedImageDownloader::remove(const QList<ImageDownloadTaskPtr>& tasks) {
-    std::lock_guard<std::mutex> locker(m_lock);
+    QMutexLocker locker(&m_lock);
     for (const ImageDownloadTaskPtr& task : tasks) {
         if (!task) continue;
         for (int i = m_queue.size() - 1; i >= 0; --i) {
@@ -68,7 +70,7 @@ void QueuedImageDownloader::remove(const QList<ImageDownloadTaskPtr>& tasks) {
 }
 
 void QueuedImageDownloader::clear() {
-    std::lock_guard<std::mutex> locker(m_lock);
+    QMutexLocker locker(&m_lock);
     m_queue = QList<ImageDownloadTaskPtr>();
 }
 
@@ -76,7 +78,7 @@ void QueuedImageDownloader::threadRoutine() {
     while (!m_quit) {
         ImageDownloadTaskPtr task;
         {
-            std::lock_guard<std::mutex> locker(m_lock);
+            QMutexLocker locker(&m_lock);
             if (!m_queue.isEmpty()) task = m_queue.takeFirst();
         }
         if (!task) {

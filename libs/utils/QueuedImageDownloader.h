@@ -9,11 +9,11 @@
 #include <QList>
 #include <QMetaType>
 #include <QObject>
+#include <QRecursiveMutex>
 #include <QSharedPointer>
 #include <QString>
 
 #include <atomic>
-#include <mutex>
 #include <thread>
 
 // One picture request. The application may derive from it to carry data of its own.
@@ -71,9 +71,7 @@ private:
     QString cacheFilePath(const QString& url, int w, int h);
 
     QList<ImageDownloadTaskPtr> m_queue;
-    // Guards m_queue. A standard mutex, which a thread checker can follow (a Qt mutex waits
-    // inside QtCore).
-    std::mutex m_lock;
+    QRecursiveMutex m_lock;
     QString m_cacheFolder;
     std::thread* m_worker = nullptr;
     // Written by the owner's thread, read by the worker.
