@@ -5,6 +5,7 @@
 #include "TestSupport.h"
 
 #include <QByteArray>
+#include <QDir>
 #include <QFile>
 #include <QString>
 #include <QTemporaryDir>
@@ -59,6 +60,28 @@ private:
     QString m_path;
     sqlite3* m_db = nullptr;
 };
+
+// Beside folder/wal.db, its write-ahead log; beside folder/journal.db, the hot journal of a
+// transaction that never finished: both copied while the writer was still open.
+inline void makeLogCopies(const QString& folder) {
+    const QString scratch = folder + "/.writer";
+    QDir().mkpath(scratch);
+    for (const char* kind : {"wal", "journal"}) {
+        const QString db = scratch + "/" + kind + ".db";
+        EngineDb w(db);
+        w.exec(QString("PRAGMA page_size=1024; PRAGMA cache_size=2; PRAGMA secure_delete=OFF; PRAGMA "
+                       "journal_mode=%1; "
+                       "PRAGMA wal_autocheckpoint=0; CREATE TABLE m (id INTEGER PRIMARY KEY, body TEXT);")
+                   .arg(kind == QString("wal") ? "WAL" : "DELETE"));
+        w.exec("WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 200) "
+               "INSERT INTO m SELECT i, printf('message %d', i) FROM n");
+        w.exec(kind == QString("wal") ? "DELETE FROM m WHERE id % 4 = 0"
+                                      : "BEGIN; DELETE FROM m WHERE id % 4 = 0;");
+        for (const char* suffix : {"", "-wal", "-journal"})
+            QFile::copy(db + suffix, folder + "/" + kind + ".db" + suffix);
+    }
+    QDir(scratch).removeRecursively();
+}
 
 // Overwrites bytes at offset within page (1-based) of the file.
 inline void patch(const QString& path, int pageSize, int page, int offset, const QByteArray& bytes) {

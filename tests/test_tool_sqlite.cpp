@@ -69,9 +69,9 @@ TEST(ToolSqlite, TablesRowsAndRecoveryOnTheSample) {
     }
     EXPECT_TRUE(reassembledRowid);
     const ToolRun all = runTool({"recover", kSample, "message", "--all", "--csv"});
-    EXPECT_TRUE(
-        all.out.startsWith("page,offset,region,verdict,reasons,rowid,overflow,id,chat_id,sender,body,sent_at,"
-                           "is_from_me\r\n"));
+    EXPECT_TRUE(all.out.startsWith(
+        "page,offset,region,version,verdict,reasons,rowid,overflow,id,chat_id,sender,body,sent_at,"
+        "is_from_me\r\n"));
     EXPECT_TRUE(all.out.contains(",held,live,"));
 }
 

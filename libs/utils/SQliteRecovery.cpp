@@ -3,6 +3,7 @@
 #include "ByteCursor.h"
 #include "SQliteCodec.h"
 #include "SQliteDbUtil.h"
+#include "SQliteLiveView.h"
 #include "SQliteScanner.h"
 #include "SQliteSource.h"
 
@@ -369,7 +370,8 @@ struct SQliteRecovery::Private {
     QSet<int> freeSet, trunks;
     QSet<int> usedPages;
     bool usedKnown = false;
-    QHash<int, QVector<QPair<qint64, qint64>>> claimed; // per page: byte ranges of records reported
+    QHash<QString, QVector<QPair<qint64, qint64>>>
+        claimed; // per page version: byte ranges of records reported
 
     bool textOk = true; // the text of the record just read is valid in the database's encoding
 
@@ -402,6 +404,7 @@ struct SQliteRecovery::Private {
             return QVariant(double(stored.toLongLong()));
         return stored;
     }
+    static QString claimKey(const Record& r) { return QString::number(r.page) + '@' + r.version; }
     bool readSchema();
     bool loadLive();
     void loadFreeList();
@@ -424,8 +427,12 @@ struct SQliteRecovery::Private {
     bool report(Record& r, const Callback& callback);
     bool searchArea(const uchar* data, int pageNo, Region region, qint64 start, qint64 end,
                     const QSet<qint64>& heads, const Callback& callback);
-    bool searchLeaf(int pageNo, const Callback& callback);
-    bool searchFreePage(int pageNo, const Callback& callback);
+    bool searchLeaf(const QByteArray& bytes, int pageNo, const Callback& callback);
+    bool searchFreePage(const QByteArray& bytes, int pageNo, bool trunk, const Callback& callback);
+    bool searchCells(const QByteArray& bytes, int pageNo, const Callback& callback);
+    QString version; // of the page being searched: empty for the database as it is
+    const SQliteLiveView* view = nullptr;
+    QSet<quint64> heldFromVersions;
     void freeblockHeads(const uchar* data, qint64 headerAt, qint64 from,
                         QVector<QPair<qint64, qint64>>* blocks) const;
     qint64 formerFreeblockEnd(const uchar* data, qint64 pos) const;
@@ -480,6 +487,8 @@ QString SQliteRecovery::regionName(Region region) {
         return QStringLiteral("gap");
     case Freeblock:
         return QStringLiteral("freeblock");
+    case Cell:
+        return QStringLiteral("cell");
     default:
         return QStringLiteral("free page");
     }
@@ -980,11 +989,19 @@ void SQliteRecovery::Private::check(const Candidate& c, Record& r) {
 }
 
 bool SQliteRecovery::Private::report(Record& r, const Callback& callback) {
+    r.version = version;
     QList<QVariant> stored = r.values;
     if (alias >= 0) stored[alias] = QVariant();
     const quint64 key = valuesKey(stored, alias, nullptr);
+    if (!version.isEmpty()) {
+        // Older versions of pages repeat what the database shows and what other versions hold:
+        // a live row, or a record already reported, is passed over and only counted.
+        if (r.reasons.contains(kLive)) return ++summary.unchanged, true;
+        if (reported.contains(key) || heldFromVersions.contains(key)) return ++summary.repeated, true;
+        if (r.verdict == Held) heldFromVersions.insert(key);
+    }
     bool overlaps = false;
-    for (const auto& range : claimed.value(r.page))
+    for (const auto& range : claimed.value(claimKey(r)))
         overlaps = overlaps || (r.offset < range.second && range.first < r.offset + r.length);
     if (r.verdict != Held && (overlaps || reported.contains(key))) {
         r.reasons << kDuplicate;
@@ -998,7 +1015,7 @@ bool SQliteRecovery::Private::report(Record& r, const Callback& callback) {
     }
     ++(r.verdict == Partial ? summary.partial : summary.recovered);
     reported.insert(key);
-    claimed[r.page].append({r.offset, r.offset + r.length});
+    claimed[claimKey(r)].append({r.offset, r.offset + r.length});
     return callback(r);
 }
 
@@ -1114,8 +1131,7 @@ void SQliteRecovery::Private::freeblockHeads(const uchar* data, qint64 headerAt,
     }
 }
 
-bool SQliteRecovery::Private::searchLeaf(int pageNo, const Callback& callback) {
-    const QByteArray bytes = readPage(pageNo);
+bool SQliteRecovery::Private::searchLeaf(const QByteArray& bytes, int pageNo, const Callback& callback) {
     if (bytes.size() < usable) return true;
     const uchar* data = reinterpret_cast<const uchar*>(bytes.constData());
     const qint64 header = pageNo == 1 ? 100 : 0;
@@ -1136,13 +1152,12 @@ bool SQliteRecovery::Private::searchLeaf(int pageNo, const Callback& callback) {
     return true;
 }
 
-bool SQliteRecovery::Private::searchFreePage(int pageNo, const Callback& callback) {
-    const QByteArray bytes = readPage(pageNo);
+bool SQliteRecovery::Private::searchFreePage(const QByteArray& bytes, int pageNo, bool trunk,
+                                             const Callback& callback) {
     if (bytes.size() < usable) return true;
     const uchar* data = reinterpret_cast<const uchar*>(bytes.constData());
     qint64 start = 0;
-    if (trunks.contains(pageNo))
-        start = std::min<qint64>(usable, 8 + 4 * std::min<qint64>(be32(data + 4), usable / 4));
+    if (trunk) start = std::min<qint64>(usable, 8 + 4 * std::min<qint64>(be32(data + 4), usable / 4));
     // A page that was a table leaf keeps its old header: its freeblocks' first bytes are lost.
     QSet<qint64> heads;
     if (start == 0 && data[0] == 13) {
@@ -1154,9 +1169,40 @@ bool SQliteRecovery::Private::searchFreePage(int pageNo, const Callback& callbac
     return searchArea(data, pageNo, FreePage, start, usable, heads, callback);
 }
 
+// The cells of an older version of a table leaf page: whole, with their payload length and
+// rowid. Those whose rowid is no longer in the table were deleted since; those whose values
+// differ from the live row's are earlier versions of it.
+bool SQliteRecovery::Private::searchCells(const QByteArray& bytes, int pageNo, const Callback& callback) {
+    const uchar* data = reinterpret_cast<const uchar*>(bytes.constData());
+    const qint64 header = pageNo == 1 ? 100 : 0;
+    const qint64 cells = be16(data + header + 3);
+    const qint64 base = pagePosition(quint32(pageSize), pageNo);
+    Candidate c;
+    for (qint64 i = 0; i < cells && header + 8 + 2 * i + 2 <= usable; ++i) {
+        const qint64 offset = be16(data + header + 8 + 2 * i);
+        if (offset < header + 8 || offset >= usable) continue;
+        qint64 payload = 0, rowid = 0;
+        int l1 = 0, l2 = 0;
+        if (!varint(data, offset, usable, &payload, &l1) || !varint(data, offset + l1, usable, &rowid, &l2))
+            continue;
+        if (!headerAt(data, offset + l1 + l2, offset, usable, c) || c.cellStart != offset) continue;
+        Record r;
+        finish(data, usable, c, r);
+        r.page = pageNo;
+        r.region = Cell;
+        r.offset = int(offset);
+        r.fileOffset = base + offset;
+        if (alias >= 0 && alias < r.values.size()) r.values[alias] = QVariant(r.rowid);
+        check(c, r);
+        if (!report(r, callback)) return false;
+    }
+    return true;
+}
+
 bool SQliteRecovery::forEach(const Callback& callback) {
     d->summary = Summary();
     d->reported.clear();
+    d->heldFromVersions.clear();
     d->claimed.clear();
     d->usedKnown = false;
     if (d->columns.empty() || !d->compiled) return true;
@@ -1176,14 +1222,42 @@ bool SQliteRecovery::forEach(const Callback& callback) {
                 todo.append({p, true});
             }
     }
+    const QList<SQliteLiveView::Version> versions =
+        d->view ? d->view->hiddenVersions() : QList<SQliteLiveView::Version>();
+    const int total = todo.size() + versions.size();
+    d->version.clear();
     for (int i = 0; i < todo.size(); ++i) {
         if (__atomic_load_n(&d->db.stopRequested, __ATOMIC_RELAXED)) return false;
-        const bool ok = todo.at(i).second ? d->searchFreePage(todo.at(i).first, callback)
-                                          : d->searchLeaf(todo.at(i).first, callback);
+        const int page = todo.at(i).first;
+        const QByteArray bytes = d->readPage(page);
+        const bool ok = todo.at(i).second ? d->searchFreePage(bytes, page, d->trunks.contains(page), callback)
+                                          : d->searchLeaf(bytes, page, callback);
         if (!ok) return false;
-        if (d->progress) d->progress(i + 1, todo.size());
+        if (d->progress) d->progress(i + 1, total);
     }
+    // The versions of pages the database no longer shows: their cells, their free space.
+    for (int i = 0; i < versions.size(); ++i) {
+        if (__atomic_load_n(&d->db.stopRequested, __ATOMIC_RELAXED)) return false;
+        const SQliteLiveView::Version& v = versions.at(i);
+        d->version = v.describe();
+        const QByteArray bytes = d->view->pageData(v);
+        if (bytes.size() >= d->usable) {
+            const uchar type = uchar(bytes.at(v.page == 1 ? 100 : 0));
+            bool ok = true;
+            if (type == 13)
+                ok = d->searchCells(bytes, v.page, callback) && d->searchLeaf(bytes, v.page, callback);
+            else if (type != 2 && type != 5 && type != 10)
+                ok = d->searchFreePage(bytes, v.page, false, callback);
+            if (!ok) return false;
+        }
+        if (d->progress) d->progress(todo.size() + i + 1, total);
+    }
+    d->version.clear();
     return true;
+}
+
+void SQliteRecovery::setLiveView(const SQliteLiveView* view) {
+    d->view = view;
 }
 
 QList<SQliteRecovery::Record> SQliteRecovery::recover() {

@@ -30,6 +30,7 @@
 #include <memory>
 
 class SQliteDbUtil;
+class SQliteLiveView;
 
 class UTILS_EXPORT SQliteRecovery {
 public:
@@ -37,7 +38,8 @@ public:
     enum Region {
         Gap,       // the unallocated space between a leaf page's cell pointers and its cells
         Freeblock, // a freeblock of a leaf page
-        FreePage,  // a page on the free list
+        FreePage,  // a page on the free list (or, in an older version, a page that was no b-tree page)
+        Cell,      // a whole cell of an older version of a leaf page
     };
     // Recovered: passed every check; Partial: passed, but its overflow chain broke off, so its
     // last values are cut; Held: held back, with the reasons.
@@ -65,6 +67,9 @@ public:
         qint64 fileOffset = 0; // the same, from the start of the file
         int length = 0;        // bytes from offset to the end of the record's local part
         Region region = Gap;
+        // The version of the page it was found in: empty for the database as it is, else, with a
+        // view, "main file (superseded)", "log frame N" or "journal record N".
+        QString version;
         Verdict verdict = Recovered;
         QStringList reasons; // why it was held back
         Overflow overflow = NoOverflow;
@@ -95,6 +100,10 @@ public:
     void setFreePagesSearched(bool searched); // on by default
     void setHeldIncluded(bool included);      // off by default: held-back records are not passed on
     void setProgress(ProgressCallback progress);
+    // Searches the versions of pages that view does not show too, after the database's own
+    // pages (view must outlive the search; null for none). Records are reported once, in the
+    // first version they are met in.
+    void setLiveView(const SQliteLiveView* view);
 
     // Searches and passes on each record found, in order: the table's leaf pages, then the free
     // pages; in a page by offset. Returns false when it was ended early: by the reader's stop
@@ -109,6 +118,8 @@ public:
         int partial = 0;
         int held = 0;
         QMap<QString, int> reasons;
+        int unchanged = 0; // records of older versions equal to a live row: not passed on
+        int repeated = 0;  // records met again in another version: not passed on
     };
     Summary summary() const;
 

@@ -1,6 +1,7 @@
 #include "SQliteSource.h"
 
 #include <QFileDevice>
+#include <QVariant>
 
 #include <algorithm>
 #include <cerrno>
@@ -24,7 +25,8 @@ bool SQliteSource::attach(QIODevice* device) {
     const bool open = device && device->isOpen() && device->isReadable();
     int fd = -1;
 #ifdef Q_OS_UNIX
-    if (open)
+    // A file is read with pread, unless it is a view whose pages come from elsewhere.
+    if (open && !device->property("utils.overlay").toBool())
         if (auto* file = qobject_cast<QFileDevice*>(device)) fd = file->handle();
 #endif
     // The size is asked once per device: a file being examined keeps its size while it is read.

@@ -132,6 +132,10 @@ int fail(const QString& message, int code) {
     return code;
 }
 
+void note(const QString& message) {
+    fail(message, Ok);
+}
+
 void out(const QString& line) {
     const QByteArray bytes = (line + "\n").toUtf8();
     fwrite(bytes.constData(), 1, size_t(bytes.size()), stdout);

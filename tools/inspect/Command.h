@@ -65,6 +65,8 @@ bool checkInputFile(const QString& path);
 
 // One line "utils-inspect: <message>" on stderr; returns code.
 int fail(const QString& message, int code = Failed);
+// The same line for something the user should know that is no failure.
+void note(const QString& message);
 // Writes text to stdout as UTF-8 (a newline is added).
 void out(const QString& line);
 // Progress on stderr, only when stderr is a terminal. An empty text clears the line.

@@ -3,6 +3,7 @@
 
 #include "RecordWriter.h"
 #include "SQliteDbUtil.h"
+#include "SQliteLiveView.h"
 #include "SQliteRecovery.h"
 #include "SQliteScanner.h"
 
@@ -22,28 +23,38 @@ const char* const kPatternHelp = "PATTERN has one character per column: 0-9 exac
                                  "n NULL, s NULL or text.";
 
 // Opens db read-only; on failure prints why and returns false.
-bool openDb(SQliteDbUtil& db, const QString& path) {
+// Opens db read-only as the engine would see it: with the write-ahead log or hot journal beside
+// it, unless noWal. Says on stderr what it did with them; on failure prints why and returns false.
+bool openDb(SQliteDbUtil& db, const QString& path, SQliteLiveView& view, bool noWal) {
     if (!checkInputFile(path)) return false;
-    if (db.loadDb(path)) return true;
-    const QFileInfo info(path);
+    const bool loaded = view.load(db, path, noWal);
+    if (!view.note().isEmpty()) note(view.note());
+    if (loaded) return true;
+    const qint64 size =
+        db.stream && db.stream->device() ? db.stream->device()->size() : QFileInfo(path).size();
     if (!db.file || !db.file->isOpen()) {
         fail(path + ": cannot open for reading");
     } else if (db.header.magic.isEmpty()) {
         fail(path + ": not an SQLite 3 database");
-    } else if (info.size() != qint64(db.header.pageSize) * db.header.pageCount) {
-        fail(
-            QString("%1: file size %2 does not match the header (%3 pages of %4 bytes); "
-                    "a truncated copy, an unmerged write-ahead log, or 64 KiB pages, which are not supported")
-                .arg(path)
-                .arg(info.size())
-                .arg(db.header.pageCount)
-                .arg(db.header.pageSize));
+    } else if (size != qint64(db.header.pageSize) * db.header.pageCount) {
+        fail(QString("%1: size %2 does not match the header (%3 pages of %4 bytes); "
+                     "a truncated copy, a write-ahead log that is not beside it, or 64 KiB pages, which are "
+                     "not supported")
+                 .arg(path)
+                 .arg(size)
+                 .arg(db.header.pageCount)
+                 .arg(db.header.pageSize));
     } else {
         fail(QString("%1: free-list trunk page %2 is not in the file")
                  .arg(path)
                  .arg(db.header.firstFreeListTrunk));
     }
     return false;
+}
+
+bool openDb(SQliteDbUtil& db, const QString& path, const Args& args) {
+    static SQliteLiveView view; // one database a run
+    return openDb(db, path, view, args.has("--no-wal"));
 }
 
 QStringList columnNames(const SQliteTable& table) {
@@ -114,11 +125,11 @@ int finishWalk(RecordWriter& writer) {
 }
 
 int runTables(const QStringList& argv) {
-    Args args(argv, {"--json", "--pages"}, {});
+    Args args(argv, {"--json", "--pages", "--no-wal"}, {});
     int code = Ok;
     if (!parseOrExit("tables", args, 1, 1, &code)) return code;
     SQliteDbUtil db;
-    if (!openDb(db, args.positional().at(0))) return Failed;
+    if (!openDb(db, args.positional().at(0), args)) return Failed;
     const QList<SQliteTable> tables = db.fetchAllTable();
     if (args.has("--json")) {
         QJsonArray list;
@@ -157,11 +168,11 @@ int runTables(const QStringList& argv) {
 }
 
 int runRows(const QStringList& argv) {
-    Args args(argv, {"--json"}, {});
+    Args args(argv, {"--json", "--no-wal"}, {});
     int code = Ok;
     if (!parseOrExit("rows", args, 2, 2, &code)) return code;
     SQliteDbUtil db;
-    if (!openDb(db, args.positional().at(0))) return Failed;
+    if (!openDb(db, args.positional().at(0), args)) return Failed;
     const QString name = args.positional().at(1);
     if (!db.tables.contains(name))
         return fail(QString("%1: no table named '%2'").arg(args.positional().at(0), name));
@@ -215,8 +226,10 @@ int runRawRecover(const Args& args, SQliteDbUtil& db) {
 }
 
 int runRecover(const QStringList& argv) {
-    Args args(argv, {"--json", "--csv", "--all", "--raw", "--with-header", "--free-list", "--no-free-list"},
-              {});
+    Args args(
+        argv,
+        {"--json", "--csv", "--all", "--raw", "--with-header", "--free-list", "--no-free-list", "--no-wal"},
+        {});
     int code = Ok;
     if (!parseOrExit("recover", args, 2, 3, &code)) return code;
     const QString path = args.positional().at(0), name = args.positional().at(1),
@@ -232,11 +245,13 @@ int runRecover(const QStringList& argv) {
                 Usage);
     if (args.has("--json") && args.has("--csv")) return fail("recover: choose --json or --csv", Usage);
     SQliteDbUtil db;
-    if (!openDb(db, path)) return Failed;
+    SQliteLiveView view;
+    if (!openDb(db, path, view, args.has("--no-wal"))) return Failed;
     if (!db.tables.contains(name)) return fail(QString("%1: no table named '%2'").arg(path, name));
     if (raw) return runRawRecover(args, db);
 
     SQliteRecovery recovery(db);
+    recovery.setLiveView(&view);
     if (!recovery.setTable(name, pattern))
         return fail(QString("%1: %2").arg(path, recovery.error()),
                     recovery.error().contains("pattern") ? Usage : Failed);
@@ -249,7 +264,8 @@ int runRecover(const QStringList& argv) {
     const QStringList columns = recovery.columnNames();
     writer.line(QString("-- %1: columns %2; pattern %3").arg(name, columns.join(", "), recovery.pattern()));
     if (format == RecordWriter::Csv) {
-        QList<QVariant> head{"page", "offset", "region", "verdict", "reasons", "rowid", "overflow"};
+        QList<QVariant> head{"page",    "offset",  "region", "version",
+                             "verdict", "reasons", "rowid",  "overflow"};
         for (const QString& c : columns)
             head << c;
         writer.csvRow(head);
@@ -264,6 +280,7 @@ int runRecover(const QStringList& argv) {
             writer.object({{"page", r.page},
                            {"offset", r.offset},
                            {"region", SQliteRecovery::regionName(r.region)},
+                           {"version", r.version.isEmpty() ? QString("live") : r.version},
                            {"verdict", SQliteRecovery::verdictName(r.verdict)},
                            {"reasons", r.reasons},
                            {"rowid", rowid},
@@ -271,6 +288,7 @@ int runRecover(const QStringList& argv) {
                           r.values);
         } else if (format == RecordWriter::Csv) {
             writer.csvRow(QList<QVariant>{r.page, r.offset, SQliteRecovery::regionName(r.region),
+                                          r.version.isEmpty() ? QString("live") : r.version,
                                           SQliteRecovery::verdictName(r.verdict), r.reasons, rowid,
                                           overflow.isEmpty() ? QVariant() : QVariant(overflow)} +
                           r.values);
@@ -291,23 +309,28 @@ int runRecover(const QStringList& argv) {
     QStringList reasons;
     for (auto it = s.reasons.constBegin(); it != s.reasons.constEnd(); ++it)
         reasons << QString("%1 %2").arg(it.key()).arg(it.value());
-    writer.line(QString("(%1 recovered, %2 partial, %3 held back%4%5)")
+    writer.line(QString("(%1 recovered, %2 partial, %3 held back%4%5%6)")
                     .arg(s.recovered)
                     .arg(s.partial)
                     .arg(s.held)
                     .arg(reasons.isEmpty() ? "" : ": " + reasons.join(", "))
-                    .arg(s.held && !args.has("--all") ? "; --all shows them" : ""));
+                    .arg(s.held && !args.has("--all") ? "; --all shows them" : "")
+                    .arg(s.unchanged + s.repeated
+                             ? QString("; in older page versions %1 live rows and %2 repeats passed over")
+                                   .arg(s.unchanged)
+                                   .arg(s.repeated)
+                             : QString()));
     return finishWalk(writer);
 }
 
 int runFreelist(const QStringList& argv) {
-    Args args(argv, {"--json", "--with-header"}, {});
+    Args args(argv, {"--json", "--with-header", "--no-wal"}, {});
     int code = Ok;
     if (!parseOrExit("freelist", args, 2, 2, &code)) return code;
     const QString path = args.positional().at(0), pattern = args.positional().at(1);
     if (!checkPattern(pattern)) return Usage;
     SQliteDbUtil db;
-    if (!openDb(db, path)) return Failed;
+    if (!openDb(db, path, args)) return Failed;
     const bool withHeader = args.has("--with-header");
     RecordWriter writer(args.has("--json"));
     writer.line(QString("free-list pages: [%1]").arg(pageList(db.freeListPages)));
@@ -319,11 +342,129 @@ int runFreelist(const QStringList& argv) {
     return finishWalk(writer);
 }
 
+// The frames of the write-ahead log beside DB (or the records of its rollback journal), with the
+// table or index that owns each page in the database as the engine would see it.
+int runWal(const QStringList& argv) {
+    Args args(argv, {"--json"}, {});
+    int code = Ok;
+    if (!parseOrExit("wal", args, 1, 1, &code)) return code;
+    const QString path = args.positional().at(0);
+    if (!checkInputFile(path)) return Failed;
+    SQliteDbUtil db;
+    SQliteLiveView view;
+    const bool loaded = view.load(db, path);
+    const bool isLog = QFileInfo(SQliteLiveView::logPath(path)).isFile();
+    const bool isJournal = !isLog && QFileInfo(SQliteLiveView::journalPath(path)).isFile();
+    if (!isLog && !isJournal)
+        return fail(path + ": no write-ahead log (-wal) or journal (-journal) beside it");
+    if (isLog && view.log().frames.isEmpty() && !view.log().error().isEmpty())
+        return fail(SQliteLiveView::logPath(path) + ": " + view.log().error());
+    if (isJournal && view.journal().records.isEmpty())
+        return fail(SQliteLiveView::journalPath(path) + ": " + view.journal().error());
+    QMap<int, QString> owners;
+    QSet<int> freePages;
+    if (loaded) {
+        owners = SQliteLiveView::pageOwners(db);
+        for (int p : db.freeListPages)
+            freePages.insert(p);
+    }
+    auto owner = [&](quint32 page) {
+        return owners.value(int(page), freePages.contains(int(page)) ? "(free)"
+                                       : loaded                      ? "(none)"
+                                                                     : "(unknown)");
+    };
+    RecordWriter writer(args.has("--json"));
+    if (isLog) {
+        const SQliteWal& log = view.log();
+        const SQliteWal::Header& h = log.header;
+        writer.line(
+            QString("%1: magic 0x%2 (%3-endian checksums), format %4, pages of %5 bytes, checkpoint %6, "
+                    "salts 0x%7 0x%8, header checksum %9")
+                .arg(SQliteLiveView::logPath(path))
+                .arg(h.magic, 8, 16, QChar('0'))
+                .arg(log.bigEndianChecksums() ? "big" : "little")
+                .arg(h.formatVersion)
+                .arg(h.pageSize)
+                .arg(h.checkpointSequence)
+                .arg(h.salt1, 8, 16, QChar('0'))
+                .arg(h.salt2, 8, 16, QChar('0'))
+                .arg(h.checksumValid ? "valid" : "INVALID"));
+        int committed = 0;
+        for (const SQliteWal::Frame& f : log.frames)
+            committed += f.committed ? 1 : 0;
+        writer.line(QString("%1 frames: %2 committed, %3 not; %4; database of %5 pages after the last commit")
+                        .arg(log.frames.size())
+                        .arg(committed)
+                        .arg(log.frames.size() - committed)
+                        .arg(log.trailingBytes
+                                 ? QString("%1 bytes of a frame cut off at the end").arg(log.trailingBytes)
+                                 : QString("no frame cut off"))
+                        .arg(log.committedSize()));
+        writer.line("frame | page | owner | commit | valid | committed | generation");
+        for (const SQliteWal::Frame& f : log.frames) {
+            const QVariant commit = f.isCommit() ? QVariant(f.databaseSize) : QVariant(false);
+            if (writer.json())
+                writer.object({{"frame", f.index},
+                               {"page", f.page},
+                               {"owner", owner(f.page)},
+                               {"commit", commit},
+                               {"valid", f.valid},
+                               {"committed", f.committed},
+                               {"generation", f.generation}},
+                              {});
+            else
+                writer.line(
+                    QString("%1 | %2 | %3 | %4 | %5 | %6 | %7")
+                        .arg(f.index)
+                        .arg(f.page)
+                        .arg(owner(f.page))
+                        .arg(f.isCommit() ? QString("commit, %1 pages").arg(f.databaseSize) : QString("-"))
+                        .arg(f.valid ? "valid" : "INVALID")
+                        .arg(f.committed ? "committed" : "not committed")
+                        .arg(f.generation));
+        }
+    } else {
+        const SQliteJournal& journal = view.journal();
+        writer.line(
+            QString("%1: %2, %3 records, database of %4 pages before the transaction, sectors of %5 bytes, "
+                    "pages of %6 bytes")
+                .arg(SQliteLiveView::journalPath(path))
+                .arg(journal.isHot() ? "hot (an unfinished transaction)"
+                                     : "header gone (a finished transaction)")
+                .arg(journal.records.size())
+                .arg(journal.header.initialSize)
+                .arg(journal.header.sectorSize)
+                .arg(journal.header.pageSize));
+        writer.line("record | page | owner | checksum");
+        for (const SQliteJournal::Record& r : journal.records) {
+            const QString checked = r.valid ? "valid" : journal.header.magicValid ? "INVALID" : "unchecked";
+            if (writer.json())
+                writer.object(
+                    {{"record", r.index}, {"page", r.page}, {"owner", owner(r.page)}, {"checksum", checked}},
+                    {});
+            else
+                writer.line(
+                    QString("%1 | %2 | %3 | %4").arg(r.index).arg(r.page).arg(owner(r.page), checked));
+        }
+    }
+    writer.finish();
+    return Ok;
+}
+
+const Registration walCommand(
+    {"wal", "wal DB [--json]",
+     "Lists the frames of the write-ahead log beside DB (DB-wal): number, page, the table or index\n"
+     "that owns the page, commit (and the database's size after it), whether the frame is valid (salts\n"
+     "and checksum chain), committed, and its generation (0 the log's current one, 1 the one before...).\n"
+     "Without a log, lists the page records of the rollback journal (DB-journal) instead.",
+     runWal});
+
 const Registration
     tablesCommand({"tables", "tables DB [--pages] [--json]",
                    "Lists the tables of an SQLite database read without the engine: name, root page,\n"
                    "how many leaf pages and the column names.\n"
                    "  --pages  list the leaf pages too\n"
+                   "  --no-wal read the main file alone, not the -wal or -journal beside it\n"
                    "  --json   one JSON array of tables (with their leaf pages)",
                    runTables});
 const Registration rowsCommand(

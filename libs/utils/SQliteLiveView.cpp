@@ -1,0 +1,305 @@
+#include "SQliteLiveView.h"
+
+#include "ByteCursor.h"
+#include "SQliteDbUtil.h"
+#include "SQliteSource.h"
+
+#include <QDataStream>
+#include <QFile>
+#include <QFileInfo>
+#include <QSharedPointer>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#ifdef Q_OS_UNIX
+#include <unistd.h>
+#endif
+
+using namespace sqliteio;
+
+namespace {
+
+// Positional read of a file, which leaves its position alone.
+qint64 readAt(QFile& file, qint64 pos, char* out, qint64 n) {
+    if (!file.isOpen() || pos < 0 || n <= 0) return 0;
+#ifdef Q_OS_UNIX
+    const int fd = file.handle();
+    if (fd >= 0) {
+        qint64 done = 0;
+        while (done < n) {
+            const ssize_t r = ::pread(fd, out + done, size_t(n - done), off_t(pos + done));
+            if (r < 0 && errno == EINTR) continue;
+            if (r <= 0) break;
+            done += r;
+        }
+        return done;
+    }
+#endif
+    if (!file.seek(pos)) return 0;
+    return std::max<qint64>(0, file.read(out, n));
+}
+
+// The main file as the view shows it: pages replaced by images in another file (the log or the
+// journal), and a size of its own. It is the reader's file, so that closing the reader closes
+// it and every read comes back short, as with the file alone.
+class OverlayFile : public QFile {
+public:
+    OverlayFile(const QString& path, const QString& imagesPath, qint64 pageSize, qint64 size,
+                const QMap<quint32, qint64>& images)
+        : QFile(path), m_images(imagesPath), m_pageSize(pageSize), m_size(size), m_offsets(images) {
+        // The reader's cache must read through readData, not around it.
+        setProperty("utils.overlay", true);
+    }
+    bool open(OpenMode mode) override {
+        m_pos = 0;
+        if (!m_offsets.isEmpty() && !m_images.open(QIODevice::ReadOnly)) return false;
+        return QFile::open(mode | QIODevice::Unbuffered);
+    }
+    void close() override {
+        m_images.close();
+        QFile::close();
+    }
+    qint64 size() const override { return m_size; }
+    bool atEnd() const override { return !isOpen() || pos() >= m_size; }
+    bool seek(qint64 pos) override {
+        if (!QFile::seek(pos)) return false;
+        m_pos = pos;
+        return true;
+    }
+
+protected:
+    qint64 readData(char* data, qint64 maxSize) override {
+        qint64 done = 0;
+        while (done < maxSize && m_pos < m_size) {
+            const quint32 page = quint32(m_pos / m_pageSize + 1);
+            const qint64 inPage = m_pos % m_pageSize;
+            const qint64 n = std::min({maxSize - done, m_pageSize - inPage, m_size - m_pos});
+            const auto it = m_offsets.constFind(page);
+            qint64 got = it != m_offsets.constEnd() ? readAt(m_images, it.value() + inPage, data + done, n)
+                                                    : readAt(*this, m_pos, data + done, n);
+            if (got < n && it == m_offsets.constEnd() && isOpen()) {
+                // A page the database has grown to, which no file holds: it reads as zeros.
+                std::memset(data + done + got, 0, size_t(n - got));
+                got = n;
+            }
+            if (got <= 0) break;
+            done += got;
+            m_pos += got;
+        }
+        return done;
+    }
+    qint64 writeData(const char*, qint64) override { return -1; }
+
+private:
+    QFile m_images;
+    qint64 m_pageSize;
+    qint64 m_size;
+    QMap<quint32, qint64> m_offsets; // page: where its image starts in m_images
+    qint64 m_pos = 0;
+};
+
+quint32 mainPageSize(const QString& path) {
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) return 0;
+    const QByteArray head = file.read(18);
+    if (head.size() < 18) return 0;
+    const quint32 size = (quint32(uchar(head[16])) << 8) | uchar(head[17]);
+    return size == 1 ? 65536 : size;
+}
+
+} // namespace
+
+QString SQliteLiveView::Version::describe() const {
+    switch (kind) {
+    case LogFrame:
+        return QString("log frame %1").arg(index);
+    case JournalRecord:
+        return QString("journal record %1").arg(index);
+    default:
+        return QStringLiteral("main file (superseded)");
+    }
+}
+
+SQliteLiveView::SQliteLiveView() = default;
+SQliteLiveView::~SQliteLiveView() = default;
+
+bool SQliteLiveView::load(SQliteDbUtil& db, const QString& path, bool mainFileOnly) {
+    m_path = path;
+    m_applied = MainFileOnly;
+    m_note.clear();
+    m_log = SQliteWal();
+    m_journal = SQliteJournal();
+    m_shown.clear();
+    m_pageSize = mainPageSize(path);
+
+    QString imagesPath;
+    QMap<quint32, qint64> images;
+    qint64 size = QFileInfo(path).size();
+    const QString logFile = logPath(path), journalFile = journalPath(path);
+    const bool haveLog = QFileInfo(logFile).isFile(), haveJournal = QFileInfo(journalFile).isFile();
+    if (haveLog && m_log.load(logFile)) {
+        if (mainFileOnly) {
+            m_note = QString("%1 left aside (--no-wal): the main file alone is read").arg(logFile);
+        } else if (!m_log.header.checksumValid) {
+            m_note = QString("%1: its header's checksum fails, so the engine would ignore it; the main file "
+                             "alone is read")
+                         .arg(logFile);
+        } else if (m_log.committedSize() == 0) {
+            m_note = QString("%1: no committed transaction; the main file alone is read").arg(logFile);
+        } else if (m_pageSize && m_log.header.pageSize != m_pageSize) {
+            m_note = QString("%1: pages of %2 bytes, the database's are of %3; the main file alone is read")
+                         .arg(logFile)
+                         .arg(m_log.header.pageSize)
+                         .arg(m_pageSize);
+        } else {
+            m_applied = Log;
+            m_pageSize = m_log.header.pageSize;
+            m_shown = m_log.committedPages();
+            for (auto it = m_shown.constBegin(); it != m_shown.constEnd(); ++it)
+                images.insert(it.key(), m_log.frames.at(it.value()).offset + 24);
+            imagesPath = logFile;
+            size = qint64(m_log.committedSize()) * m_pageSize;
+            int committed = 0;
+            for (const SQliteWal::Frame& f : m_log.frames)
+                committed += f.committed ? 1 : 0;
+            m_note =
+                QString(
+                    "%1: %2 of its %3 frames committed; read as the engine would, without changing a byte")
+                    .arg(logFile)
+                    .arg(committed)
+                    .arg(m_log.frames.size());
+        }
+    } else if (haveLog) {
+        m_note = QString("%1: %2; the main file alone is read").arg(logFile, m_log.error());
+    }
+    if (m_applied == MainFileOnly && haveJournal && m_journal.load(journalFile, m_pageSize)) {
+        if (!m_journal.isHot()) {
+            m_note = QString("%1: the page images of a finished transaction; the recovery searches them")
+                         .arg(journalFile);
+        } else if (mainFileOnly) {
+            m_note =
+                QString(
+                    "%1 left aside (--no-wal): the main file alone is read, as the unfinished transaction "
+                    "left it")
+                    .arg(journalFile);
+        } else if (m_pageSize && m_journal.header.pageSize != m_pageSize) {
+            m_note = QString("%1: pages of %2 bytes, the database's are of %3; the main file alone is read")
+                         .arg(journalFile)
+                         .arg(m_journal.header.pageSize)
+                         .arg(m_pageSize);
+        } else {
+            m_applied = Journal;
+            m_shown = m_journal.rollbackPages();
+            for (auto it = m_shown.constBegin(); it != m_shown.constEnd(); ++it)
+                images.insert(it.key(), m_journal.records.at(it.value()).offset + 4);
+            imagesPath = journalFile;
+            if (m_journal.header.initialSize) size = qint64(m_journal.header.initialSize) * m_pageSize;
+            m_note =
+                QString(
+                    "%1: an unfinished transaction, rolled back in the view (%2 pages) without changing a "
+                    "byte")
+                    .arg(journalFile)
+                    .arg(m_shown.size());
+        }
+    } else if (m_applied == MainFileOnly && haveJournal && m_note.isEmpty()) {
+        m_note = QString("%1: %2").arg(journalFile, m_journal.error());
+    }
+
+    // Open and index as loadDb does, on the view.
+    OverlayFile* file = new OverlayFile(path, imagesPath, std::max<quint32>(m_pageSize, 1), size, images);
+    db.file = QSharedPointer<QFile>(file);
+    if (!file->open(QIODevice::ReadOnly)) return false;
+    db.stream = QSharedPointer<QDataStream>(new QDataStream(file));
+    db.stream->setByteOrder(QDataStream::BigEndian);
+    if (!db.parseDbHeader()) return false;
+    if (!db.parsePages()) return false;
+    if (!db.parseFreeListPages(quint32(db.header.firstFreeListTrunk))) return false;
+    db.parseTables();
+    return true;
+}
+
+QList<SQliteLiveView::Version> SQliteLiveView::hiddenVersions() const {
+    QList<Version> versions;
+    const qint64 mainPages = m_pageSize ? QFileInfo(m_path).size() / m_pageSize : 0;
+    for (int i = m_log.frames.size() - 1; i >= 0; --i) {
+        const SQliteWal::Frame& f = m_log.frames.at(i);
+        if (f.page == 0 || (m_applied == Log && m_shown.value(f.page, -1) == i)) continue;
+        versions.append({Version::LogFrame, int(f.page), f.index});
+    }
+    if (m_applied != MainFileOnly)
+        for (auto it = m_shown.constBegin(); it != m_shown.constEnd(); ++it)
+            if (qint64(it.key()) <= mainPages) versions.append({Version::MainFile, int(it.key()), 0});
+    for (int i = 0; i < m_journal.records.size(); ++i) {
+        const SQliteJournal::Record& r = m_journal.records.at(i);
+        if (r.page == 0 || (m_applied == Journal && m_shown.value(r.page, -1) == i)) continue;
+        versions.append({Version::JournalRecord, int(r.page), r.index});
+    }
+    return versions;
+}
+
+QByteArray SQliteLiveView::pageData(const Version& version) const {
+    switch (version.kind) {
+    case Version::LogFrame:
+        return version.index >= 1 && version.index <= m_log.frames.size()
+                   ? m_log.pageData(m_log.frames.at(version.index - 1))
+                   : QByteArray();
+    case Version::JournalRecord:
+        return version.index >= 1 && version.index <= m_journal.records.size()
+                   ? m_journal.pageData(m_journal.records.at(version.index - 1))
+                   : QByteArray();
+    default: {
+        QFile file(m_path);
+        if (!file.open(QIODevice::ReadOnly) || !file.seek(qint64(version.page - 1) * m_pageSize))
+            return QByteArray();
+        return file.read(m_pageSize);
+    }
+    }
+}
+
+QMap<int, QString> SQliteLiveView::pageOwners(SQliteDbUtil& db) {
+    QMap<int, QString> owners;
+    QList<QPair<int, QString>> roots{{1, QStringLiteral("sqlite_master")}};
+    for (const QList<QVariant>& row : db.fetchRecordsInTable(QStringLiteral("sqlite_master")))
+        if (row.size() == 6 && row.at(4).toInt() > 0) roots.append({row.at(4).toInt(), row.at(2).toString()});
+    SQliteSource& src = sqliteSource(db);
+    const qint64 pageSize = db.header.pageSize, usable = pageSize - db.header.reservedSpace;
+    if (usable < 480) return owners;
+    const qint64 maxTableLocal = usable - 35, maxIndexLocal = ((usable - 12) * 64 / 255) - 23;
+    const qint64 minLocal = ((usable - 12) * 32 / 255) - 23;
+    for (const auto& root : roots) {
+        std::vector<int> todo{root.first};
+        while (!todo.empty()) {
+            const int pageNo = todo.back();
+            todo.pop_back();
+            const auto it = db.pages.constFind(pageNo);
+            if (it == db.pages.constEnd() || it->type == 0 || owners.contains(pageNo)) continue;
+            owners.insert(pageNo, root.second);
+            if (it->type == 2 || it->type == 5) todo.push_back(int(it->rightMostPointer));
+            for (quint16 offset : it->cellOffsets) {
+                ByteCursor c = src.cursor(pagePosition(quint32(pageSize), pageNo) + offset, 4 + 18);
+                if (it->type == 2 || it->type == 5) {
+                    todo.push_back(int(c.u32()));
+                    if (it->type == 5) continue;
+                }
+                int len = 0;
+                const qint64 payload = c.varint(&len);
+                if (it->type == 13) c.varint(&len);
+                const qint64 maxLocal = it->type == 13 ? maxTableLocal : maxIndexLocal;
+                if (payload <= maxLocal || payload > (qint64(1) << 40)) continue;
+                const qint64 k = minLocal + (payload - minLocal) % (usable - 4);
+                const qint64 local = k <= maxLocal ? k : minLocal;
+                const qint64 at = pagePosition(quint32(pageSize), pageNo) + offset + c.pos() + local;
+                qint64 next = src.cursor(at, 4).u32();
+                for (qint64 left = payload - local; next > 0 && left > 0 && !owners.contains(int(next));
+                     left -= usable - 4) {
+                    owners.insert(int(next), root.second);
+                    next = src.cursor(pagePosition(quint32(pageSize), next), 4).u32();
+                }
+            }
+        }
+    }
+    return owners;
+}
