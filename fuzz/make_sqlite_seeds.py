@@ -107,3 +107,44 @@ make("deep-512-utf16le.db", "PRAGMA page_size=512; PRAGMA encoding='UTF-16le';",
 make("numbers-2048-utf16be.db", "PRAGMA page_size=2048; PRAGMA encoding='UTF-16be';", numbers)
 make("tiny-512.db", "PRAGMA page_size=512;", tiny)
 make("autovacuum-1024.db", "PRAGMA page_size=1024; PRAGMA auto_vacuum=FULL;", vacuumed)
+
+
+# Seeds of fuzz_sqlite_log: a database and its write-ahead log, and a database and the hot
+# journal of a transaction that never finished, each copied while its writer was open. An input
+# is the database's length (4 bytes, little-endian), the database, then the log or journal.
+import shutil
+import struct
+import tempfile
+
+log_folder = os.path.join(os.path.dirname(folder), "sqlite_log")
+os.makedirs(log_folder, exist_ok=True)
+for kind in ("wal", "journal"):
+    with tempfile.TemporaryDirectory() as scratch:
+        path = os.path.join(scratch, "db")
+        db = sqlite3.connect(path, isolation_level=None)
+        db.executescript("PRAGMA page_size=512; PRAGMA cache_size=2; PRAGMA secure_delete=OFF; "
+                         "PRAGMA journal_mode=%s; PRAGMA wal_autocheckpoint=0; "
+                         "CREATE TABLE m (id INTEGER PRIMARY KEY, body TEXT, n INTEGER);" % ("WAL" if kind == "wal" else "DELETE"))
+        db.execute("BEGIN")
+        for i in range(1, 41):
+            db.execute("INSERT INTO m VALUES (?, ?, ?)", (i, "message %d %s" % (i, "x" * (i % 30)), i * 1000))
+        db.execute("COMMIT")
+        if kind == "wal":
+            db.execute("PRAGMA wal_checkpoint(TRUNCATE)")
+            db.execute("DELETE FROM m WHERE id % 3 = 0")
+            db.execute("UPDATE m SET body = 'edited' WHERE id = 5")
+        else:
+            db.execute("BEGIN")
+            db.execute("DELETE FROM m WHERE id % 3 = 0")
+        main = open(path, "rb").read()
+        side = open(path + ("-wal" if kind == "wal" else "-journal"), "rb").read()
+        db.close()
+    out = os.path.join(log_folder, kind + ".bin")
+    open(out, "wb").write(struct.pack("<I", len(main)) + main + side)
+    print(out, os.path.getsize(out))
+
+# Seeds of fuzz_sqlite_recovery: the small databases with deleted rows.
+recovery_folder = os.path.join(os.path.dirname(folder), "sqlite_recovery")
+os.makedirs(recovery_folder, exist_ok=True)
+for name in ("chat-1024.db", "deep-512-utf16le.db"):
+    shutil.copyfile(os.path.join(folder, name), os.path.join(recovery_folder, name))

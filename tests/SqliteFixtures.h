@@ -43,6 +43,28 @@ public:
         EXPECT_EQ(sqlite3_step(st), SQLITE_DONE) << sqlite3_errmsg(m_db);
         sqlite3_finalize(st);
     }
+    // The rows of a query as the engine gives them: integers, floats, text, blobs, NULL.
+    QList<QList<QVariant>> rows(const QString& sql) {
+        QList<QList<QVariant>> rows;
+        sqlite3_stmt* st = nullptr;
+        if (sqlite3_prepare_v2(m_db, sql.toUtf8().constData(), -1, &st, nullptr) != SQLITE_OK) return rows;
+        while (sqlite3_step(st) == SQLITE_ROW) {
+            QList<QVariant> row;
+            for (int c = 0; c < sqlite3_column_count(st); ++c) {
+                const int type = sqlite3_column_type(st, c);
+                const char* bytes = static_cast<const char*>(sqlite3_column_blob(st, c));
+                row << (type == SQLITE_INTEGER ? QVariant(qlonglong(sqlite3_column_int64(st, c)))
+                        : type == SQLITE_FLOAT ? QVariant(sqlite3_column_double(st, c))
+                        : type == SQLITE_TEXT
+                            ? QVariant(QString::fromUtf8(bytes, sqlite3_column_bytes(st, c)))
+                        : type == SQLITE_BLOB ? QVariant(QByteArray(bytes, sqlite3_column_bytes(st, c)))
+                                              : QVariant());
+            }
+            rows << row;
+        }
+        sqlite3_finalize(st);
+        return rows;
+    }
     qint64 pragma(const QString& name) {
         sqlite3_stmt* st = nullptr;
         sqlite3_prepare_v2(m_db, ("PRAGMA " + name).toUtf8().constData(), -1, &st, nullptr);

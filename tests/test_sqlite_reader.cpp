@@ -232,55 +232,47 @@ TEST(SchemaParsing, ColumnMapKeepsConstraintWordsAndSkipsNonTables) {
     EXPECT_EQ(reader.fetchRecordsInTable("missing").size(), 0);
 }
 
-TEST(ValueReader, SerialTypesDecodeWithTheirDocumentedReadings) {
+TEST(ValueReader, SerialTypesAndVarintsReadAsDocumented) {
     SQliteDbUtil reader;
-    auto decode = [&](qint64 type, const QByteArray& bytes, int* len) {
-        QByteArray copy = bytes;
-        QDataStream s(copy);
-        return reader.readValue(&s, type, len);
+    struct Value {
+        qint64 type;
+        QByteArray bytes;
+        QVariant value;
+        int len; // 42: left as it was
     };
-    int len = -1;
-    EXPECT_EQ(decode(0, "", &len), QVariant(int(0)));
-    EXPECT_EQ(len, 0);
-    // Type 3: 0x01 0x02 0x03 reads as 0x0100 | 0x0203.
-    EXPECT_EQ(decode(3, "\x01\x02\x03", &len), QVariant(int(0x0303)));
-    EXPECT_EQ(len, 3);
-    // Type 5: unsigned 48 bits, no sign extension.
-    EXPECT_EQ(decode(5, QByteArray("\xff\xff\xff\xff\xff\xfe", 6), &len),
-              QVariant(qlonglong(0xFFFFFFFFFFFELL)));
-    EXPECT_EQ(len, 6);
-    len = 42;
-    EXPECT_FALSE(decode(10, "abc", &len).isValid());
-    EXPECT_FALSE(decode(11, "abc", &len).isValid());
-    EXPECT_FALSE(decode(-5, "abc", &len).isValid());
-    EXPECT_EQ(len, 42); // reserved types leave the count alone
-    EXPECT_EQ(decode(13, "abc", &len), QVariant(QString("")));
-    EXPECT_EQ(decode(18, "abcdef", &len), QVariant(QByteArray("abc")));
-    // A value cut short keeps its nominal length.
-    EXPECT_EQ(decode(25, "hi", &len), QVariant(QString("hi")));
-    EXPECT_EQ(len, 6);
-
+    const QList<Value> values = {
+        {0, "", QVariant(int(0)), 0},                  // NULL reads as 0
+        {3, "\x01\x02\x03", QVariant(int(0x0303)), 3}, // 0x0100 | 0x0203
+        {5, QByteArray("\xff\xff\xff\xff\xff\xfe", 6), QVariant(qlonglong(0xFFFFFFFFFFFELL)), 6}, // no sign
+        {10, "abc", QVariant(), 42}, // reserved types leave the count alone
+        {11, "abc", QVariant(), 42},
+        {-5, "abc", QVariant(), 42},
+        {13, "abc", QVariant(QString("")), 0},
+        {18, "abcdef", QVariant(QByteArray("abc")), 3},
+        {25, "hi", QVariant(QString("hi")), 6}, // cut short: the nominal length
+    };
+    for (const Value& v : values) {
+        QByteArray copy = v.bytes;
+        QDataStream s(copy);
+        int len = 42;
+        const QVariant got = reader.readValue(&s, v.type, &len);
+        EXPECT_TRUE(got == v.value && got.isValid() == v.value.isValid() && len == v.len) << v.type;
+    }
     reader.header.textEncoding = 7; // anything but 2 and 3 is UTF-8
     EXPECT_EQ(reader.cellData2String("\xc3\xa9"), QString::fromUtf8("é"));
-}
 
-TEST(ValueReader, VarintsTakeNineBytesAtMostAndStopAtTheEnd) {
-    SQliteDbUtil reader;
-    auto varint = [&](const QByteArray& bytes, int* len) {
+    const QList<std::tuple<QByteArray, qint64, int>> varints = {
+        {QByteArray(9, '\xff'), -1, 9}, // 56 bits shifted by 8, plus a whole ninth byte
+        {QByteArray("\x81\x80\x80\x80\x80\x80\x80\x80\x01", 9), 0x0200000000000001LL, 9},
+        {"", 0, 0},
+        {"\x81\x82", (1 << 7) | 2, 2}, // cut inside the varint: the bits read so far
+        {"\x7f\x01", 127, 1},
+    };
+    for (const auto& [bytes, value, length] : varints) {
         QByteArray copy = bytes;
         QDataStream s(copy);
-        return reader.readVarInt(&s, len);
-    };
-    int len = -1;
-    EXPECT_EQ(varint(QByteArray(9, '\xff'), &len), -1); // 56 bits shifted by 8, plus a whole ninth byte
-    EXPECT_EQ(len, 9);
-    EXPECT_EQ(varint(QByteArray("\x81\x80\x80\x80\x80\x80\x80\x80\x01", 9), &len),
-              qint64(0x0200000000000001LL));
-    EXPECT_EQ(varint("", &len), 0);
-    EXPECT_EQ(len, 0);
-    EXPECT_EQ(varint("\x81\x82", &len), (1 << 7) | 2); // cut inside the varint: the bits read so far
-    EXPECT_EQ(len, 2);
-    EXPECT_EQ(varint("\x7f\x01", &len), 127);
-    EXPECT_EQ(len, 1);
-    EXPECT_EQ(varint("x", nullptr), 'x');
+        int len = -1;
+        EXPECT_EQ(reader.readVarInt(&s, &len), value) << bytes.toHex().constData();
+        EXPECT_EQ(len, length);
+    }
 }

@@ -55,19 +55,7 @@ QByteArray fingerprint(const QString& db) {
 
 // What the engine sees, on a scratch copy (it checkpoints or rolls back what it finds).
 Rows engineRows(const QString& db, const QString& scratch) {
-    const QString copy = copyAside(db, scratch);
-    sqlite3* c = nullptr;
-    sqlite3_open(copy.toUtf8().constData(), &c);
-    sqlite3_stmt* st = nullptr;
-    Rows rows;
-    if (sqlite3_prepare_v2(c, "SELECT id, body, n FROM m ORDER BY id", -1, &st, nullptr) == SQLITE_OK)
-        while (sqlite3_step(st) == SQLITE_ROW)
-            rows.append({qlonglong(sqlite3_column_int64(st, 0)),
-                         QString::fromUtf8(reinterpret_cast<const char*>(sqlite3_column_text(st, 1))),
-                         qlonglong(sqlite3_column_int64(st, 2))});
-    sqlite3_finalize(st);
-    sqlite3_close(c);
-    return rows;
+    return EngineDb(copyAside(db, scratch), false).rows("SELECT id, body, n FROM m ORDER BY id");
 }
 
 // What the reader sees on the view (the id column, stored as NULL, is left out).
@@ -94,25 +82,22 @@ QSet<QString> recoveredBodies(const QString& db) {
 }
 
 void flipByte(const QString& path, qint64 at) {
-    QFile f(path);
-    ASSERT_TRUE(f.open(QIODevice::ReadWrite) && f.seek(at));
-    char c = 0;
-    f.getChar(&c);
-    f.seek(at);
-    f.putChar(char(c ^ 0x5a));
+    QByteArray bytes = readFile(path);
+    bytes[int(at)] = char(bytes[int(at)] ^ 0x5a);
+    writeFile(path, bytes);
 }
 
+// The phone's database at phone/chat.db, its writer open for the test's length.
 class WalTest : public ::testing::Test {
 protected:
     QTemporaryDir dir;
+    QString path = (QDir().mkpath(dir.filePath("phone")), dir.filePath("phone/chat.db"));
     QString folder(const QString& name) const { return dir.filePath(name); }
 };
 
 } // namespace
 
 TEST_F(WalTest, LiveRowsAreTheWritersAndDeletedRowsComeBackFromOlderVersions) {
-    const QString path = folder("phone/chat.db");
-    QDir().mkpath(folder("phone"));
     Writer w(path);
     w.add(1, 300);
     w.exec("PRAGMA wal_checkpoint(TRUNCATE)");
@@ -147,8 +132,6 @@ TEST_F(WalTest, LiveRowsAreTheWritersAndDeletedRowsComeBackFromOlderVersions) {
 }
 
 TEST_F(WalTest, BrokenLogsReadAsTheEngineReadsThem) {
-    const QString path = folder("phone/chat.db");
-    QDir().mkpath(folder("phone"));
     Writer w(path);
     w.add(1, 100);
     w.exec("PRAGMA wal_checkpoint(TRUNCATE)");
@@ -199,8 +182,6 @@ TEST_F(WalTest, BrokenLogsReadAsTheEngineReadsThem) {
 }
 
 TEST_F(WalTest, RestartedLogKeepsOlderGenerationsBehindTheNewFrames) {
-    const QString path = folder("phone/chat.db");
-    QDir().mkpath(folder("phone"));
     Writer w(path);
     w.add(1, 400); // a long log
     for (int id = 10; id <= 400; id += 10)
@@ -224,8 +205,6 @@ TEST_F(WalTest, RestartedLogKeepsOlderGenerationsBehindTheNewFrames) {
 }
 
 TEST_F(WalTest, ChecksumsInEitherByteOrder) {
-    const QString path = folder("phone/chat.db");
-    QDir().mkpath(folder("phone"));
     Writer w(path);
     w.add(1, 50);
     w.exec("PRAGMA wal_checkpoint(TRUNCATE)");
@@ -259,8 +238,6 @@ TEST_F(WalTest, ChecksumsInEitherByteOrder) {
 }
 
 TEST_F(WalTest, HotJournalIsRolledBackInTheViewOnly) {
-    const QString path = folder("phone/chat.db");
-    QDir().mkpath(folder("phone"));
     EngineDb w(path);
     w.exec(
         "PRAGMA page_size=1024; PRAGMA journal_mode=DELETE; PRAGMA cache_size=2; PRAGMA secure_delete=OFF;");

@@ -208,6 +208,13 @@ bool SQliteLiveView::load(SQliteDbUtil& db, const QString& path, bool mainFileOn
         m_note = QString("%1: %2").arg(journalFile, m_journal.error());
     }
 
+    // A log or journal may claim a size that no file holds: past the last page any file holds,
+    // the view would be nothing but zeros, so it ends there.
+    if (m_pageSize && !images.isEmpty()) {
+        const qint64 held = std::max(QFileInfo(path).size() / m_pageSize, qint64(images.lastKey()));
+        size = std::min(size, held * m_pageSize);
+    }
+
     // Open and index as loadDb does, on the view.
     OverlayFile* file = new OverlayFile(path, imagesPath, std::max<quint32>(m_pageSize, 1), size, images);
     db.file = QSharedPointer<QFile>(file);
