@@ -10,13 +10,8 @@
 #include <QSharedPointer>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <vector>
-
-#ifdef Q_OS_UNIX
-#include <unistd.h>
-#endif
 
 using namespace sqliteio;
 
@@ -25,19 +20,8 @@ namespace {
 // Positional read of a file, which leaves its position alone.
 qint64 readAt(QFile& file, qint64 pos, char* out, qint64 n) {
     if (!file.isOpen() || pos < 0 || n <= 0) return 0;
-#ifdef Q_OS_UNIX
-    const int fd = file.handle();
-    if (fd >= 0) {
-        qint64 done = 0;
-        while (done < n) {
-            const ssize_t r = ::pread(fd, out + done, size_t(n - done), off_t(pos + done));
-            if (r < 0 && errno == EINTR) continue;
-            if (r <= 0) break;
-            done += r;
-        }
-        return done;
-    }
-#endif
+    const qint64 got = SQliteSource::readAt(file.handle(), pos, reinterpret_cast<uchar*>(out), n);
+    if (got >= 0) return got;
     if (!file.seek(pos)) return 0;
     return std::max<qint64>(0, file.read(out, n));
 }
@@ -49,17 +33,19 @@ class OverlayFile : public QFile {
 public:
     OverlayFile(const QString& path, const QString& imagesPath, qint64 pageSize, qint64 size,
                 const QMap<quint32, qint64>& images)
-        : QFile(path), m_images(imagesPath), m_pageSize(pageSize), m_size(size), m_offsets(images) {
+        : QFile(path), m_main(path), m_images(imagesPath), m_pageSize(pageSize), m_size(size),
+          m_offsets(images) {
         // The reader's cache must read through readData, not around it.
         setProperty("utils.overlay", true);
     }
     bool open(OpenMode mode) override {
         m_pos = 0;
         if (!m_offsets.isEmpty() && !m_images.open(QIODevice::ReadOnly)) return false;
-        return QFile::open(mode | QIODevice::Unbuffered);
+        return m_main.open(QIODevice::ReadOnly) && QFile::open(mode | QIODevice::Unbuffered);
     }
     void close() override {
         m_images.close();
+        m_main.close();
         QFile::close();
     }
     qint64 size() const override { return m_size; }
@@ -79,7 +65,7 @@ protected:
             const qint64 n = std::min({maxSize - done, m_pageSize - inPage, m_size - m_pos});
             const auto it = m_offsets.constFind(page);
             qint64 got = it != m_offsets.constEnd() ? readAt(m_images, it.value() + inPage, data + done, n)
-                                                    : readAt(*this, m_pos, data + done, n);
+                                                    : readAt(m_main, m_pos, data + done, n);
             if (got < n && it == m_offsets.constEnd() && isOpen()) {
                 // A page the database has grown to, which no file holds: it reads as zeros.
                 std::memset(data + done + got, 0, size_t(n - got));
@@ -94,6 +80,7 @@ protected:
     qint64 writeData(const char*, qint64) override { return -1; }
 
 private:
+    QFile m_main; // the pages the view keeps as they are
     QFile m_images;
     qint64 m_pageSize;
     qint64 m_size;

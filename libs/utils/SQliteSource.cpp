@@ -58,20 +58,30 @@ bool SQliteSource::canSeek(qint64 pos) const {
     return m_device->seek(pos);
 }
 
+qint64 SQliteSource::readAt(int fd, qint64 pos, uchar* out, qint64 n) {
+#ifdef Q_OS_UNIX
+    if (fd < 0) return -1;
+    qint64 done = 0;
+    while (done < n) {
+        const ssize_t r = ::pread(fd, out + done, size_t(n - done), off_t(pos + done));
+        if (r < 0 && errno == EINTR) continue;
+        if (r <= 0) break;
+        done += r;
+    }
+    return done;
+#else
+    Q_UNUSED(fd);
+    Q_UNUSED(pos);
+    Q_UNUSED(out);
+    Q_UNUSED(n);
+    return -1;
+#endif
+}
+
 qint64 SQliteSource::readInto(qint64 pos, qint64 n, uchar* out) {
     if (!m_open || pos < 0 || n <= 0) return 0;
-#ifdef Q_OS_UNIX
-    if (m_fd >= 0) {
-        qint64 done = 0;
-        while (done < n) {
-            const ssize_t r = ::pread(m_fd, out + done, size_t(n - done), off_t(pos + done));
-            if (r < 0 && errno == EINTR) continue;
-            if (r <= 0) break;
-            done += r;
-        }
-        return done;
-    }
-#endif
+    const qint64 got = readAt(m_fd, pos, out, n);
+    if (got >= 0) return got;
     if (!m_device->seek(pos)) return 0;
     const qint64 r = m_device->read(reinterpret_cast<char*>(out), n);
     return r < 0 ? 0 : r;

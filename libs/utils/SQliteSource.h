@@ -36,6 +36,10 @@ public:
         const uchar* p = bytes(pos, n, &got);
         return ByteCursor(p, got);
     }
+    // pread of n bytes at pos from a file descriptor, all of them unless the file ends first;
+    // -1 where there is no such call (or no descriptor).
+    static qint64 readAt(int fd, qint64 pos, uchar* out, qint64 n);
+
     // Changes whenever a pointer handed out by bytes() may have gone stale.
     quint64 generation() const { return m_generation; }
     // A few bytes read on their own, without filling the cache with what surrounds them (a
