@@ -11,10 +11,12 @@
 #include <QtGlobal>
 
 #include <gtest/gtest.h>
+#include <plist/plist.h>
 #include <zlib.h>
 
 #include <atomic>
 #include <functional>
+#include <initializer_list>
 #include <thread>
 #include <vector>
 
@@ -54,6 +56,21 @@ inline QByteArray deflated(QByteArray data, int windowBits = 15) {
     deflate(&s, Z_FINISH);
     deflateEnd(&s);
     return out.left(int(s.total_out));
+}
+
+// Property-list trees built with libplist itself; the containers take ownership of the items.
+inline plist_t plistDict(std::initializer_list<std::pair<const char*, plist_t>> items) {
+    plist_t d = plist_new_dict();
+    for (const auto& item : items)
+        plist_dict_set_item(d, item.first, item.second);
+    return d;
+}
+
+inline plist_t plistArray(std::initializer_list<plist_t> items) {
+    plist_t a = plist_new_array();
+    for (plist_t item : items)
+        plist_array_append_item(a, item);
+    return a;
 }
 
 // A SILK voice note of the given number of frames, with or without the leading 0x02.

@@ -4,30 +4,11 @@
 #include "TestSupport.h"
 #include "ToolRun.h"
 
-#include <plist/plist.h>
-
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QThread>
 
-#include <initializer_list>
-#include <utility>
-
 namespace {
-
-plist_t dict(std::initializer_list<std::pair<const char*, plist_t>> items) {
-    plist_t d = plist_new_dict();
-    for (const auto& item : items)
-        plist_dict_set_item(d, item.first, item.second);
-    return d;
-}
-
-plist_t array(std::initializer_list<plist_t> items) {
-    plist_t a = plist_new_array();
-    for (plist_t item : items)
-        plist_array_append_item(a, item);
-    return a;
-}
 
 const auto str = &plist_new_string;
 const auto uid = &plist_new_uid;
@@ -35,10 +16,10 @@ const auto uid = &plist_new_uid;
 // An archive as the system's archiver writes it: "$null" at index 0, then the objects.
 plist_t archive(plist_t top, plist_t objects) {
     plist_array_insert_item(objects, str("$null"), 0);
-    return dict({{"$archiver", str("NSKeyedArchiver")},
-                 {"$version", plist_new_uint(100000)},
-                 {"$top", top},
-                 {"$objects", objects}});
+    return plistDict({{"$archiver", str("NSKeyedArchiver")},
+                      {"$version", plist_new_uint(100000)},
+                      {"$top", top},
+                      {"$objects", objects}});
 }
 
 QByteArray serialise(plist_t root, bool xml = false) {
@@ -53,9 +34,10 @@ QByteArray serialise(plist_t root, bool xml = false) {
 
 // root -> 1 {NS.string, $class -> 2}; 2 is the class description.
 plist_t stringArchive() {
-    return archive(dict({{"root", uid(1)}}),
-                   array({dict({{"NS.string", str("hi")}, {"$class", uid(2)}}),
-                          dict({{"$classname", str("NSString")}, {"$classes", array({str("NSString")})}})}));
+    return archive(plistDict({{"root", uid(1)}}),
+                   plistArray({plistDict({{"NS.string", str("hi")}, {"$class", uid(2)}}),
+                               plistDict({{"$classname", str("NSString")},
+                                          {"$classes", plistArray({str("NSString")})}})}));
 }
 QJsonObject js(const char* text) {
     return QJsonDocument::fromJson(text).object();
@@ -81,19 +63,19 @@ TEST(NSKeyedArchiver, ResolvesReferencesInBinaryAndXmlArchives) {
 
     // Collections, a date stored as a real, index 0, a dangling UID, a chain 6 -> 7 -> 8; integers
     // read as signed, dates unconverted, data as Base64.
-    const QJsonObject o = decode(serialise(archive(
-        dict({{"root", uid(1)},
-              {"nothing", uid(0)},
-              {"dangling", uid(99)},
-              {"chain", uid(6)},
-              {"list", array({uid(3), uid(99), uid(0)})},
-              {"n", plist_new_uint(uint64_t(-1))},
-              {"d", plist_new_date(1, 0)},
-              {"b", plist_new_data("\xff", 1)}}),
-        array(
-            {dict({{"NS.keys", array({uid(3), uid(4)})}, {"NS.objects", array({uid(5), plist_new_bool(0)})}}),
-             str("unused"), str("sent"), str("flag"), dict({{"NS.time", plist_new_real(600.25)}}), uid(7),
-             uid(8), str("end")}))));
+    const QJsonObject o = decode(serialise(
+        archive(plistDict({{"root", uid(1)},
+                           {"nothing", uid(0)},
+                           {"dangling", uid(99)},
+                           {"chain", uid(6)},
+                           {"list", plistArray({uid(3), uid(99), uid(0)})},
+                           {"n", plist_new_uint(uint64_t(-1))},
+                           {"d", plist_new_date(1, 0)},
+                           {"b", plist_new_data("\xff", 1)}}),
+                plistArray({plistDict({{"NS.keys", plistArray({uid(3), uid(4)})},
+                                       {"NS.objects", plistArray({uid(5), plist_new_bool(0)})}}),
+                            str("unused"), str("sent"), str("flag"),
+                            plistDict({{"NS.time", plist_new_real(600.25)}}), uid(7), uid(8), str("end")}))));
     // Index 0 is the placeholder text, not null; a dangling UID drops its key, and is null in arrays.
     EXPECT_EQ(o, js(R"({"root": {"NS.keys": ["sent", "flag"], "NS.objects": [{"NS.time": 600.25}, false]},)"
                     R"("nothing": "$null", "chain": "end", "list": ["sent", null, "$null"],)"
@@ -101,17 +83,17 @@ TEST(NSKeyedArchiver, ResolvesReferencesInBinaryAndXmlArchives) {
 }
 
 TEST(NSKeyedArchiver, StructuralFaultsLoadAndFailuresKeepTheResult) {
-    for (plist_t faulty : {dict({{"$objects", array({str("$null")})}}), dict({{"$top", array({str("x")})}}),
-                           array({str("x")})})
+    for (plist_t faulty : {plistDict({{"$objects", plistArray({str("$null")})}}),
+                           plistDict({{"$top", plistArray({str("x")})}}), plistArray({str("x")})})
         EXPECT_EQ(decode(serialise(faulty)), QJsonObject());
-    EXPECT_EQ(decode(serialise(
-                  dict({{"$top", dict({{"a", uid(1)}, {"b", str("kept")}})}, {"$objects", str("no")}}))),
+    EXPECT_EQ(decode(serialise(plistDict(
+                  {{"$top", plistDict({{"a", uid(1)}, {"b", str("kept")}})}, {"$objects", str("no")}}))),
               js(R"({"b": "kept"})"));
 
     // The whole-list form has no objects table: every UID is undefined.
     NSKeyedArchiver a;
     ASSERT_TRUE(a.loadRootFromData(
-        serialise(dict({{"name", str("x")}, {"ref", uid(1)}, {"refs", array({uid(1)})}}))));
+        serialise(plistDict({{"name", str("x")}, {"ref", uid(1)}, {"refs", plistArray({uid(1)})}}))));
     EXPECT_EQ(a.json(), QJsonValue(js(R"({"name": "x", "refs": [null]})")));
 
     QTemporaryDir dir;
