@@ -14,8 +14,6 @@
 
 namespace {
 
-const auto squeeze = &deflated;
-
 // An application that undoes the encoding itself asks for it (Qt then leaves the body alone).
 const QMap<QString, QString> kAccept{{"Accept-Encoding", "gzip, deflate"}};
 
@@ -41,12 +39,12 @@ TEST_F(HttpTest, BodiesAreDecodedByTheirMagicBytes) {
         const char *target, *encoding;
         QByteArray body, expected;
     } cases[] = {
-        {"/gzip", "gzip", squeeze(text, 31), text},
-        {"/GZIP", "GZIP", squeeze(text, 31), text},            // the word in any case
-        {"/deflate-gzip", "deflate", squeeze(text, 31), text}, // the magic bytes decide
-        {"/zlib", "Deflate", squeeze(text, 15), text},
-        {"/gzip-zlib", "gzip", squeeze(text, 15), text},     // no magic: read as a zlib stream
-        {"/raw-deflate", "deflate", squeeze(text, -15), {}}, // no zlib header: nothing
+        {"/gzip", "gzip", deflated(text, 31), text},
+        {"/GZIP", "GZIP", deflated(text, 31), text},            // the word in any case
+        {"/deflate-gzip", "deflate", deflated(text, 31), text}, // the magic bytes decide
+        {"/zlib", "Deflate", deflated(text, 15), text},
+        {"/gzip-zlib", "gzip", deflated(text, 15), text},     // no magic: read as a zlib stream
+        {"/raw-deflate", "deflate", deflated(text, -15), {}}, // no zlib header: nothing
         {"/br", "br", "as sent", "as sent"},
         {"/plain", "", text, text},
         {"/empty", "gzip", {}, {}},
@@ -55,7 +53,6 @@ TEST_F(HttpTest, BodiesAreDecodedByTheirMagicBytes) {
         SCOPED_TRACE(c.target);
         server.route(c.target, {200, {{"Content-Encoding", c.encoding}}, c.body, 0});
         QNetworkReply* reply = client.get(url(c.target), kAccept);
-        EXPECT_EQ(QHttpUtils::statusCode(reply), 200);
         EXPECT_EQ(QHttpUtils::isCompressed(reply),
                   QByteArray("gzip deflate").contains(QByteArray(c.encoding).toLower()) && *c.encoding);
         EXPECT_EQ(QHttpUtils::readAllEx(reply, true), c.expected);
@@ -66,7 +63,7 @@ TEST_F(HttpTest, BodiesAreDecodedByTheirMagicBytes) {
 
 TEST_F(HttpTest, ErrorsStatusCodesAndJson) {
     server.route("/missing", {404, {}, "{\"error\": \"gone\"}", 0});
-    server.route("/json", {200, {{"Content-Encoding", "gzip"}}, squeeze("{\"a\": [1, 2]}", 31), 0});
+    server.route("/json", {200, {{"Content-Encoding", "gzip"}}, deflated("{\"a\": [1, 2]}", 31), 0});
     server.route("/text", {200, {}, "not json", 0});
     auto fetch = [this](const char* target) {
         return QSharedPointer<QNetworkReply>(client.get(url(target), kAccept));
@@ -167,8 +164,7 @@ TEST_F(HttpTest, CookiesStayOutOfTheMemberJarAndSurviveAFile) {
     OpenJar empty;
     EXPECT_TRUE(empty.save(path));
     EXPECT_EQ(QFileInfo(path).size(), 0);
-    EXPECT_TRUE(empty.load(path));
-    EXPECT_TRUE(empty.allCookies().isEmpty());
+    EXPECT_TRUE(empty.load(path) && empty.allCookies().isEmpty());
     EXPECT_FALSE(empty.load(dir.filePath("missing")));
     EXPECT_FALSE(empty.save(dir.path()));
 }

