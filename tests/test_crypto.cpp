@@ -45,7 +45,7 @@ TEST(Pkcs7, PaddingAndUncheckedRemoval) {
 }
 
 TEST(CrypteHelper, MatchesOpenSslForAllKeySizes) {
-    const QByteArray iv = bytes(16, 99), ivCopy = iv;
+    const QByteArray iv = bytes(16, 99);
     for (int keySize : {16, 24, 32}) {
         for (int size : {0, 1, 15, 16, 17, 1000}) {
             const QByteArray data = bytes(size, keySize), key = bytes(keySize, size);
@@ -55,7 +55,6 @@ TEST(CrypteHelper, MatchesOpenSslForAllKeySizes) {
             EXPECT_EQ(CrypteHelper::AESEncrypt(data, key, iv + "longer iv"), cipher); // first 16 bytes only
         }
     }
-    EXPECT_EQ(iv, ivCopy);
 }
 
 TEST(CrypteHelper, WrongKeysAndUnusableInput) {

@@ -52,7 +52,4 @@ TEST(MMKVParser, EntriesAndGetters) {
     EXPECT_TRUE(parse(hex("01020304")).m_entries.isEmpty());
     QTemporaryDir dir;
     EXPECT_TRUE(MMKVParser(dir.filePath("missing")).m_entries.isEmpty());
-    EXPECT_EQ(MMKVParser(writeFile(dir, "store", hex("2000000005037569640296 01") + QByteArray(4083, '\0')))
-                  .getInt("uid"),
-              150);
 }

