@@ -58,7 +58,6 @@ TEST_F(HttpTest, BodiesAreDecodedByTheirMagicBytes) {
         EXPECT_EQ(QHttpUtils::readAllEx(reply, true), c.expected);
         delete reply;
     }
-    EXPECT_EQ(server.requests.first().headers.value("accept-encoding"), QByteArray("gzip, deflate"));
 }
 
 TEST_F(HttpTest, ErrorsStatusCodesAndJson) {
@@ -181,5 +180,4 @@ TEST_F(HttpTest, ClientsOnSeveralThreadsAtOnce) {
         }
     });
     EXPECT_EQ(answered, 15);
-    EXPECT_EQ(server.requests.size(), 15);
 }

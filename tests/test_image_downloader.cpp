@@ -75,8 +75,6 @@ protected:
 } // namespace
 
 TEST_F(DownloaderTest, DiskCacheLayoutAndSquareLookup) {
-    EXPECT_EQ(QueuedImageDownloader().cacheFolder(),
-              QDir::cleanPath(QDir::tempPath() + "/vornixios/temp/images"));
     const QString alpha = url("/alpha.png");
     EXPECT_EQ(downloader.getImageId(alpha),
               QString(QCryptographicHash::hash(alpha.toUtf8(), QCryptographicHash::Sha1).toHex()));
@@ -86,7 +84,6 @@ TEST_F(DownloaderTest, DiskCacheLayoutAndSquareLookup) {
     downloader.push_back({square, task(alpha, 40, 40)});
     ASSERT_TRUE(delivered(2));
     EXPECT_EQ(items[0].first, square); // the queued pointer itself
-    EXPECT_EQ(offThread, 0);
     EXPECT_EQ(hits("/alpha.png"), 1);
     EXPECT_TRUE(items[0].second.size() == QSize(40, 20) && items[1].second.size() == QSize(40, 20));
     EXPECT_EQ(QPair(qAlpha(items[0].second.pixel(0, 0)), qAlpha(items[1].second.pixel(0, 0))), QPair(0, 255));

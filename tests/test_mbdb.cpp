@@ -1,5 +1,4 @@
-// Legacy backup index: header checks, every record field, empty markers, derived fields,
-// truncated input, on hand-built index files.
+// Legacy backup index, on hand-built index files.
 #include "MbdbUtil.h"
 #include "TestSupport.h"
 
@@ -140,7 +139,6 @@ TEST_F(Mbdb, TruncatedRecordsComeBackWithZeros) {
     ASSERT_EQ(records.size(), 1);
     EXPECT_EQ(QList<qint64>({records.first()->mode, records.first()->size, records.first()->type}),
               QList<qint64>({0100644, 0, 2}));
-    EXPECT_EQ(records.first()->fileId, sha1Hex("D-p"));
     records = load(Writer().number(0xFFFE, 2).raw("xyz").bytes);
     ASSERT_EQ(records.size(), 1);
     EXPECT_TRUE(records.first()->domain.isEmpty());

@@ -73,7 +73,6 @@ protected:
     static void TearDownTestSuite() { delete dir; }
     static QString path(const QString& name) { return dir->filePath(name); }
 
-    // Name, modification time and digest of every entry, hidden ones included.
     static std::string listing() {
         QStringList out;
         for (const QFileInfo& i :
