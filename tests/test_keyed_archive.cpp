@@ -1,5 +1,4 @@
-// Keyed-archive decoding: UID resolution, the object form of "$top", whole-list conversion,
-// undefined values, failures, hostile reference graphs, and the archive subcommand.
+// Keyed-archive decoding, and the archive subcommand on a hostile archive.
 #include "NSKeyedArchiver.h"
 #include "TestSupport.h"
 #include "ToolRun.h"
