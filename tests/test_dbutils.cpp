@@ -3,7 +3,6 @@
 
 #include <QSqlQuery>
 #include <QThread>
-#include <QVariant>
 
 namespace {
 
