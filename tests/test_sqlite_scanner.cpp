@@ -43,19 +43,13 @@ protected:
 
 } // namespace
 
-TEST_F(Scanner, WalksGiveTheDocumentedListsAndStopWhenAsked) {
+// The documented lists are built on these walks (and the digests pin them); what is left is
+// what only the walks do: progress, views, and stopping early.
+TEST_F(Scanner, WalksReportProgressReadInPlaceAndStopWhenAsked) {
     SQliteScanner scanner(reader);
-    QList<QList<QVariant>> live, viewed;
-    int pagesDone = 0;
-    scanner.setProgress([&](int done, int total) {
-        EXPECT_EQ(total, reader.tables.value("m").pages.size());
-        pagesDone = done;
-    });
-    EXPECT_TRUE(scanner.forEachRecord("m", [&](const QList<QVariant>& r) { return live.append(r), true; }));
-    EXPECT_EQ(pagesDone, reader.tables.value("m").pages.size());
-    scanner.setProgress(nullptr);
-    EXPECT_EQ(live, reader.fetchRecordsInTable("m"));
-    EXPECT_EQ(live.size(), 172);
+    const int pages = reader.tables.value("m").pages.size();
+    int pagesDone = 0, viewed = 0;
+    scanner.setProgress([&](int done, int total) { pagesDone = total == pages ? done : -1; });
     EXPECT_TRUE(scanner.forEachRecordView("m", [&](const SQliteScanner::RecordView& v) {
         // A value's bytes are the ones its reading takes; the view decodes them as the record does.
         qint64 n = 0;
@@ -63,27 +57,11 @@ TEST_F(Scanner, WalksGiveTheDocumentedListsAndStopWhenAsked) {
         EXPECT_EQ(QString::fromLatin1(reinterpret_cast<const char*>(text), int(n)), v.value(1).toString());
         v.bytes(0, &n); // the id, stored as NULL
         EXPECT_EQ(n, 0);
-        return viewed.append(v.record()), true;
+        return ++viewed, true;
     }));
-    EXPECT_EQ(viewed, live);
-
-    for (const bool withHeader : {false, true}) {
-        QList<QList<QVariant>> found;
-        auto collect = [&](const QList<QVariant>& r, const SQliteScanner::Location& at) {
-            // Every candidate's text starts inside its block, at the offset given.
-            EXPECT_GE(at.offset, 0);
-            EXPECT_GT(at.page, 0);
-            EXPECT_EQ(at.fileOffset(), at.blockStart + at.offset);
-            return found.append(r), true;
-        };
-        scanner.forEachLostRecord("m", "isids", withHeader, collect);
-        EXPECT_EQ(found, reader.searchLostRecord("m", "isids", withHeader));
-        found.clear();
-        scanner.forEachLostRecordInFreeSpace("s", withHeader, collect);
-        EXPECT_EQ(found, reader.searchLostRecordInFreeSpace("s", withHeader));
-        EXPECT_FALSE(found.isEmpty());
-    }
-
+    EXPECT_EQ(pagesDone, pages);
+    EXPECT_EQ(viewed, 172);
+    scanner.setProgress(nullptr);
     // A callback that says no ends the walk at once; the stop flag ends it before a page.
     int seen = 0;
     EXPECT_FALSE(scanner.forEachRecord("m", [&](const QList<QVariant>&) { return ++seen < 5; }));

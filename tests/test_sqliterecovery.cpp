@@ -45,31 +45,25 @@ TEST(RecoverySchema, PatternsFollowTheDeclaredTypes) {
     {
         EngineDb db(path);
         db.exec("CREATE TABLE a (id INTEGER PRIMARY KEY, n INT, r REAL, t VARCHAR(20), b BLOB, x, num "
-                "DECIMAL(10, 2),"
-                " \"quoted, col\" text NOT NULL DEFAULT 'x,y')");
-        db.exec("CREATE TABLE b (k INTEGER, v TEXT, PRIMARY KEY (k))");
-        db.exec("CREATE TABLE c (k INTEGER PRIMARY KEY DESC, v)");
-        db.exec("CREATE TABLE d (k INT PRIMARY KEY, v CLOB)");
-        db.exec("CREATE TABLE e (k INTEGER, v, PRIMARY KEY (k, v))");
-        db.exec("CREATE TABLE w (k TEXT PRIMARY KEY, v) WITHOUT ROWID");
+                "DECIMAL(10, 2), "
+                "\"quoted, col\" text NOT NULL DEFAULT 'x,y'); CREATE TABLE b (k INTEGER, v TEXT, PRIMARY "
+                "KEY (k)); "
+                "CREATE TABLE c (k INTEGER PRIMARY KEY DESC, v); CREATE TABLE d (k INT PRIMARY KEY, v CLOB); "
+                "CREATE TABLE e (k INTEGER, v, PRIMARY KEY (k, v)); CREATE TABLE w (k TEXT PRIMARY KEY, v) "
+                "WITHOUT ROWID");
     }
     SQliteDbUtil db;
     ASSERT_TRUE(db.loadDb(path));
     struct Case {
         QString table, given, pattern, error;
     };
+    // clang-format off
     const QList<Case> cases = {
-        {"a", "", "nddtaaat", ""},
-        {"b", "", "nt", ""},
-        {"c", "", "da", ""},
-        {"d", "", "dt", ""},
-        {"e", "", "da", ""},
-        {"a", "isiissst", "isiissst", ""},
-        {"w", "", "", "has no rowid"},
-        {"nope", "", "", "no table named 'nope'"},
-        {"b", "ntd", "", "the pattern has 3 letters, table 'b' has 2 columns"},
-        {"b", "nq", "", "bad pattern letter 'q'"},
+        {"a", "", "nddtaaat", ""}, {"b", "", "nt", ""}, {"c", "", "da", ""}, {"d", "", "dt", ""}, {"e", "", "da", ""},
+        {"a", "isiissst", "isiissst", ""}, {"w", "", "", "has no rowid"}, {"nope", "", "", "no table named 'nope'"},
+        {"b", "ntd", "", "the pattern has 3 letters, table 'b' has 2 columns"}, {"b", "nq", "", "bad pattern letter 'q'"},
     };
+    // clang-format on
     for (const Case& c : cases) {
         SQliteRecovery recovery(db);
         EXPECT_EQ(recovery.setTable(c.table, c.given), c.error.isEmpty()) << c.table.toStdString();
@@ -89,10 +83,9 @@ TEST(Recovery, RowsTheEngineDeletedComeBackWholeAndExact) {
     QMap<qint64, QList<QVariant>> deleted;
     {
         EngineDb db(path);
-        db.exec("PRAGMA page_size=1024; PRAGMA secure_delete=OFF;");
-        db.exec("CREATE TABLE m (id INTEGER PRIMARY KEY, who TEXT, body TEXT, n INTEGER, r REAL, pic BLOB)");
-        db.exec("CREATE TABLE other (a TEXT, b TEXT)");
-        db.exec("BEGIN");
+        db.exec("PRAGMA page_size=1024; PRAGMA secure_delete=OFF; CREATE TABLE m (id INTEGER PRIMARY KEY, "
+                "who TEXT, "
+                "body TEXT, n INTEGER, r REAL, pic BLOB); CREATE TABLE other (a TEXT, b TEXT); BEGIN;");
         // Integers of every width, both signs; NULLs; text of all lengths; small blobs.
         const qint64 numbers[] = {
             0,       1,           -100,           30000,           -8000000,
