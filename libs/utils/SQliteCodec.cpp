@@ -152,6 +152,9 @@ SQliteCodec::Pattern::Pattern(const QString& pattern, bool extended) : m_codes(s
         f.vector = same;
 #endif
     }
+    m_vector = !m_codes.empty();
+    for (size_t i = 0; i < 4 && i < m_codes.size(); ++i)
+        m_vector = m_vector && m_letters[i].vector;
 }
 
 // Bit i: the serial type of the varint at p + i is not refused on sight by letter index.
@@ -206,7 +209,73 @@ quint32 SQliteCodec::Pattern::types16(const uchar* p, int index) const {
     return bits;
 }
 
+#if defined(__SSE2__)
+// Serial types at p + shift + i for i < 16, judged by letter index, from the bits of the 32
+// bytes at p: top bit set, low bit set, equal to 0x80.
+quint32 SQliteCodec::Pattern::open16(const uchar* p, int index, int shift, quint32 high, quint32 odd,
+                                     quint32 is80) const {
+    const Letter& f = m_letters[index];
+    const __m128i v0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + shift));
+    auto eq = [](__m128i a, int b) { return _mm_cmpeq_epi8(a, _mm_set1_epi8(char(b))); };
+    __m128i accept = _mm_or_si128(eq(v0, f.equal1), eq(v0, f.equal2));
+    if (f.upTo) {
+        const __m128i upTo = _mm_cmpeq_epi8(_mm_min_epu8(v0, _mm_set1_epi8(char(f.hi))), v0);
+        accept = _mm_or_si128(accept, _mm_andnot_si128(eq(v0, f.ex), upTo));
+    }
+    if (f.from) {
+        const __m128i from = _mm_cmpeq_epi8(_mm_max_epu8(v0, _mm_set1_epi8(char(f.lo))), v0);
+        const __m128i one = _mm_set1_epi8(1);
+        accept = _mm_or_si128(accept,
+                              f.anyParity ? from : _mm_and_si128(from, eq(_mm_and_si128(v0, one), f.parity)));
+    }
+    const quint32 h0 = high >> shift, h1 = high >> (shift + 1), h2 = high >> (shift + 2),
+                  h3 = high >> (shift + 3);
+    // A varint of two to four bytes ends at its first byte below 0x80.
+    const quint32 end1 = ~h1, end2 = h1 & ~h2, end3 = h1 & h2 & ~h3;
+    const quint32 ends = end1 | end2 | end3;
+    quint32 open = (is80 >> shift) | ~ends;
+    const quint32 parity = m_large[size_t(index)];
+    if (parity & 3) {
+        const quint32 o =
+            (end1 & (odd >> (shift + 1))) | (end2 & (odd >> (shift + 2))) | (end3 & (odd >> (shift + 3)));
+        open |= (o & ((parity & 2) ? ~0u : 0u)) | (ends & ~o & ((parity & 1) ? ~0u : 0u));
+    }
+    return ((~h0 & quint32(_mm_movemask_epi8(accept))) | (h0 & open)) & 0xFFFF;
+}
+#endif
+
 quint32 SQliteCodec::Pattern::candidates16(const uchar* p, bool withHeader) const {
+#if defined(__SSE2__)
+    if (m_vector) {
+        // The bits of the 32 bytes at p once; every letter reads its serial types from them.
+        const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+        const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16));
+        const __m128i one = _mm_set1_epi8(1), x80 = _mm_set1_epi8(char(0x80));
+        auto bits = [&](__m128i x, __m128i y) {
+            return quint32(_mm_movemask_epi8(x)) | quint32(_mm_movemask_epi8(y)) << 16;
+        };
+        const quint32 high = bits(a, b);
+        const quint32 odd =
+            bits(_mm_cmpeq_epi8(_mm_and_si128(a, one), one), _mm_cmpeq_epi8(_mm_and_si128(b, one), one));
+        const quint32 is80 = bits(_mm_cmpeq_epi8(a, x80), _mm_cmpeq_epi8(b, x80));
+        if (!withHeader) {
+            quint32 open = open16(p, 0, 0, high, odd, is80);
+            quint32 shortSoFar = 0xFFFF; // the serial types before letter k were one byte each
+            for (int k = 1; k < 4 && k < size() && open; ++k) {
+                shortSoFar &= ~(high >> (k - 1));
+                open &= (~shortSoFar & 0xFFFF) | open16(p, k, k, high, odd, is80);
+            }
+            return open;
+        }
+        const quint32 h0 = high, h1 = high >> 1, h2 = high >> 2, h3 = high >> 3;
+        const quint32 at2 = ~h0 & ~h1 & 0xFFFF;
+        const quint32 at3 = ((h0 & ~h1 & ~h2) | (~h0 & h1 & ~h2)) & 0xFFFF;
+        const quint32 at4 = ((h0 & ~h1 & h2) | (h0 & h1 & ~h2) | (~h0 & h1 & h2)) & ~h3 & 0xFFFF;
+        const quint32 longer = ~(at2 | at3 | at4) & 0xFFFF;
+        return longer | (at2 & open16(p, 0, 2, high, odd, is80)) | (at3 & open16(p, 0, 3, high, odd, is80)) |
+               (at4 & open16(p, 0, 4, high, odd, is80));
+    }
+#endif
     if (!withHeader) {
         quint32 open = types16(p, 0);
         quint32 shortSoFar = 0xFFFF; // the serial types before letter k were one byte each

@@ -36,13 +36,12 @@ public:
             const uchar large = m_large[size_t(index)];
             return serialType < 0 ? (large & 4) : (large & (serialType % 2 ? 2 : 1));
         }
-        static constexpr int kSiftReach = 23; // bytes candidates16 reads from p
         // One bit for each of the 16 candidates starting at p to p + 15, set unless the first
         // letters refuse the candidate's first serial types on sight: a one-byte serial type
         // a letter refuses, or one of two to four bytes (128 or more) of a parity it refuses.
         // Up to four letters are looked at, each only after one-byte serial types before it.
         // With the header flag only the first letter is, after a rowid and a header size of
-        // up to four bytes together. Reads p[0] to p[kSiftReach - 1].
+        // up to four bytes together. Reads p[0] to p[31].
         quint32 candidates16(const uchar* p, bool withHeader) const;
         // Whether the first letter refuses the serial type of the varint at p (avail bytes
         // from p to the end of the block), when its first two bytes tell; false otherwise.
@@ -64,6 +63,8 @@ public:
             bool upTo = false, from = false, anyParity = false;
             bool vector = false; // the sets give the same answers as the table
         } m_letters[4];
+        bool m_vector = false; // the first four letters all have their vector test
         quint32 types16(const uchar* p, int index) const;
+        quint32 open16(const uchar* p, int index, int shift, quint32 high, quint32 odd, quint32 is80) const;
     };
 };

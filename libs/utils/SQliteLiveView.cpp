@@ -195,6 +195,9 @@ bool SQliteLiveView::load(SQliteDbUtil& db, const QString& path, bool mainFileOn
         m_note = QString("%1: %2").arg(journalFile, m_journal.error());
     }
 
+    // Nothing to lay over the main file: the reader opens it as loadDb does.
+    if (m_applied == MainFileOnly) return db.loadDb(path);
+
     // A log or journal may claim a size that no file holds: past the last page any file holds,
     // the view would be nothing but zeros, so it ends there.
     if (m_pageSize && !images.isEmpty()) {

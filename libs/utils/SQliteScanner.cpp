@@ -247,28 +247,28 @@ bool SQliteScanner::Private::scan(const uchar* data, qint64 size, const SQliteCo
     const qint64 span = fields + (withHeader ? 2 : 0); // varints of a candidate
     const qint32 encoding = db.header.textEncoding;
 
-    // Candidates are first sifted 16 at a time; the window needs its candidates' first four
-    // varint bytes (and the one-byte rowid and header size before them) inside the block.
-    const qint64 windowEnd = size - SQliteCodec::Pattern::kSiftReach;
+    // Candidates are first sifted 16 at a time. The data has SQliteSource::kPadding bytes after
+    // its end that may be read; a candidate whose first varints could reach past the end is left
+    // to the full test below, which stops at the end as the stream reader does.
+    constexpr qint64 kReach = 8;
     qint64 pos = 0;
     qint64 base = -16; // the window of candidates sifted last: base to base + 15
     quint32 open = 0;
     while (pos < size) {
-        if (pos <= windowEnd) {
-            if (pos >= base + 16) {
-                base = pos;
-                open = pattern.candidates16(data + pos, withHeader);
-            }
-            const quint32 rest = open >> (pos - base);
-            if (!rest) {
-                pos = base + 16;
-                continue;
-            }
-            pos += qCountTrailingZeroBits(rest);
+        if (pos >= base + 16) {
+            base = pos;
+            open = pattern.candidates16(data + pos, withHeader);
+            const qint64 exact = size - kReach - base; // lanes before it read only the block
+            if (exact < 16) open |= exact <= 0 ? 0xFFFFu : (0xFFFFu << exact) & 0xFFFFu;
         }
-        // Quick refusals that give what the full test below would: inside a run of zero bytes
-        // every varint is 0, so the candidate is refused or all-NULL; and a first serial type
-        // that the pattern refuses on sight of its first two bytes.
+        const quint32 rest = open >> (pos - base);
+        if (!rest) {
+            pos = base + 16;
+            continue;
+        }
+        pos += qCountTrailingZeroBits(rest);
+        // A quick refusal that gives what the full test would: inside a run of zero bytes every
+        // varint is 0, so the candidate is refused or all-NULL.
         if (data[pos] == 0) {
             qint64 end = pos;
             quint64 word = 0;
@@ -282,13 +282,6 @@ bool SQliteScanner::Private::scan(const uchar* data, qint64 size, const SQliteCo
                 continue;
             }
         }
-        const qint64 typeAt = withHeader ? pos + 2 : pos;
-        if (pos > windowEnd && typeAt < size && (!withHeader || (data[pos] < 0x80 && data[pos + 1] < 0x80)) &&
-            pattern.firstRefuses(data + typeAt, size - typeAt)) {
-            ++pos;
-            continue;
-        }
-
         qint64 consumed = 0;
         int len = 0;
         int rowid = 0;
@@ -351,9 +344,11 @@ bool SQliteScanner::Private::scan(const uchar* data, qint64 size, const SQliteCo
 
 bool SQliteScanner::searchBlock(const QByteArray& block, const QString& pattern, bool withHeader,
                                 const FoundCallback& callback) {
-    const QByteArray bytes = block; // held while the callbacks run
-    return d->scan(reinterpret_cast<const uchar*>(bytes.constData()), bytes.size(),
-                   SQliteCodec::Pattern(pattern), withHeader, Location(), callback);
+    // A copy held while the callbacks run, with the padding the scan may read past its end.
+    std::vector<uchar> bytes(size_t(block.size()) + SQliteSource::kPadding, 0);
+    std::memcpy(bytes.data(), block.constData(), size_t(block.size()));
+    return d->scan(bytes.data(), block.size(), SQliteCodec::Pattern(pattern), withHeader, Location(),
+                   callback);
 }
 
 void SQliteScanner::Private::spansInPage(SQliteSource& src, int page) {

@@ -17,7 +17,7 @@ constexpr qint64 kChunk = 16 * 1024;      // a stretch read at random
 constexpr qint64 kReadAhead = 256 * 1024; // a stretch read right after the previous one
 constexpr qint64 kLargest = 1024 * 1024;  // longer reads bypass the cache
 constexpr size_t kWindows = 8;
-const uchar kNothing = 0;
+const uchar kNothing[SQliteSource::kPadding + 1] = {};
 
 } // namespace
 
@@ -97,8 +97,9 @@ SQliteSource::Window& SQliteSource::load(qint64 start, qint64 length) {
                                   [](const Window& a, const Window& b) { return a.lastUse < b.lastUse; });
     }
     ++m_generation;
-    slot->data.resize(size_t(length));
-    slot->data.resize(size_t(readInto(start, length, slot->data.data())));
+    slot->data.resize(size_t(length + kPadding));
+    slot->length = readInto(start, length, slot->data.data());
+    std::fill(slot->data.begin() + slot->length, slot->data.end(), uchar(0));
     slot->start = start;
     m_lastEnd = start + length;
     return *slot;
@@ -106,10 +107,10 @@ SQliteSource::Window& SQliteSource::load(qint64 start, qint64 length) {
 
 const uchar* SQliteSource::bytes(qint64 pos, qint64 n, qint64* got) {
     *got = 0;
-    if (!m_open || pos < 0 || n <= 0 || pos >= m_size) return &kNothing;
+    if (!m_open || pos < 0 || n <= 0 || pos >= m_size) return kNothing;
     n = std::min(n, m_size - pos);
     for (Window& w : m_windows) {
-        if (pos >= w.start && pos + n <= w.start + qint64(w.data.size())) {
+        if (pos >= w.start && pos + n <= w.start + w.length) {
             w.lastUse = ++m_clock;
             *got = n;
             return w.data.data() + (pos - w.start);
@@ -117,7 +118,7 @@ const uchar* SQliteSource::bytes(qint64 pos, qint64 n, qint64* got) {
     }
     if (n > kLargest) {
         ++m_generation;
-        m_scratch.resize(size_t(n));
+        m_scratch.assign(size_t(n + kPadding), uchar(0));
         *got = readInto(pos, n, m_scratch.data());
         return m_scratch.data();
     }
@@ -126,15 +127,15 @@ const uchar* SQliteSource::bytes(qint64 pos, qint64 n, qint64* got) {
     const bool sequential = m_lastEnd >= 0 && start <= m_lastEnd && start + kReadAhead > m_lastEnd;
     Window& w = load(start, std::max(wanted, sequential ? kReadAhead : kChunk));
     w.lastUse = ++m_clock;
-    *got = std::max<qint64>(0, std::min<qint64>(n, w.start + qint64(w.data.size()) - pos));
-    return *got > 0 ? w.data.data() + (pos - w.start) : &kNothing;
+    *got = std::max<qint64>(0, std::min<qint64>(n, w.start + w.length - pos));
+    return *got > 0 ? w.data.data() + (pos - w.start) : kNothing;
 }
 
 ByteCursor SQliteSource::peek(qint64 pos, qint64 n) {
-    if (!m_open || pos < 0 || n <= 0 || pos >= m_size) return ByteCursor(&kNothing, 0);
+    if (!m_open || pos < 0 || n <= 0 || pos >= m_size) return ByteCursor(kNothing, 0);
     n = std::min(n, m_size - pos);
     for (Window& w : m_windows)
-        if (pos >= w.start && pos + n <= w.start + qint64(w.data.size()))
+        if (pos >= w.start && pos + n <= w.start + w.length)
             return ByteCursor(w.data.data() + (pos - w.start), n);
     m_peek.resize(size_t(n));
     return ByteCursor(m_peek.data(), readInto(pos, n, m_peek.data()));

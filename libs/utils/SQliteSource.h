@@ -28,7 +28,10 @@ public:
     bool canSeek(qint64 pos) const;
 
     // Up to n bytes at pos, fewer at the end of the device (got receives the count; the
-    // pointer is never null). Valid until the next call on this source.
+    // pointer is never null). Valid until the next call on this source. kPadding more bytes
+    // can be read after them (the file's next bytes, or zeros), so that a scan may look ahead
+    // without checking first.
+    static constexpr qint64 kPadding = 32;
     const uchar* bytes(qint64 pos, qint64 n, qint64* got);
     // The same bytes under a cursor.
     ByteCursor cursor(qint64 pos, qint64 n) {
@@ -49,6 +52,7 @@ public:
 private:
     struct Window {
         qint64 start = -1;
+        qint64 length = 0; // bytes read; data holds kPadding zeros more
         std::vector<uchar> data;
         quint64 lastUse = 0;
     };
