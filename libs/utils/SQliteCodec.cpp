@@ -157,43 +157,11 @@ SQliteCodec::Pattern::Pattern(const QString& pattern, bool extended) : m_codes(s
         m_vector = m_vector && m_letters[i].vector;
 }
 
-// Bit i: the serial type of the varint at p + i is not refused on sight by letter index.
+// Bit i: the serial type of the varint at p + i is not refused on sight by letter index (the
+// test one lane at a time, for builds without the vector instructions).
 quint32 SQliteCodec::Pattern::types16(const uchar* p, int index) const {
     const quint32 parity = m_large[size_t(index)];
-    const quint32 oddOk = (parity & 2) ? 0xFFFF : 0, evenOk = (parity & 1) ? 0xFFFF : 0;
-#if defined(__SSE2__)
-    const Letter& f = m_letters[index];
-    if (f.vector) {
-        const __m128i v0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-        const __m128i v1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 1));
-        const __m128i v2 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 2));
-        const __m128i v3 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 3));
-        const __m128i one = _mm_set1_epi8(1);
-        auto eq = [](__m128i a, int b) { return _mm_cmpeq_epi8(a, _mm_set1_epi8(char(b))); };
-        __m128i accept = _mm_or_si128(eq(v0, f.equal1), eq(v0, f.equal2));
-        if (f.upTo) {
-            const __m128i upTo = _mm_cmpeq_epi8(_mm_min_epu8(v0, _mm_set1_epi8(char(f.hi))), v0);
-            accept = _mm_or_si128(accept, _mm_andnot_si128(eq(v0, f.ex), upTo));
-        }
-        if (f.from) {
-            const __m128i from = _mm_cmpeq_epi8(_mm_max_epu8(v0, _mm_set1_epi8(char(f.lo))), v0);
-            accept = _mm_or_si128(
-                accept, f.anyParity ? from : _mm_and_si128(from, eq(_mm_and_si128(v0, one), f.parity)));
-        }
-        const quint32 h0 = quint32(_mm_movemask_epi8(v0)), h1 = quint32(_mm_movemask_epi8(v1));
-        const quint32 h2 = quint32(_mm_movemask_epi8(v2)), h3 = quint32(_mm_movemask_epi8(v3));
-        const quint32 odd1 = quint32(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_and_si128(v1, one), one)));
-        const quint32 odd2 = quint32(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_and_si128(v2, one), one)));
-        const quint32 odd3 = quint32(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_and_si128(v3, one), one)));
-        const quint32 is80 = quint32(_mm_movemask_epi8(eq(v0, 0x80)));
-        // A varint of two to four bytes ends at its first byte below 0x80.
-        const quint32 end1 = ~h1 & 0xFFFF, end2 = h1 & ~h2 & 0xFFFF, end3 = h1 & h2 & ~h3 & 0xFFFF;
-        const quint32 ends = end1 | end2 | end3;
-        const quint32 odd = (end1 & odd1) | (end2 & odd2) | (end3 & odd3);
-        const quint32 high = is80 | (~ends & 0xFFFF) | (odd & oddOk) | (ends & ~odd & evenOk);
-        return ((~h0 & quint32(_mm_movemask_epi8(accept))) | (h0 & high)) & 0xFFFF;
-    }
-#endif
+    const bool oddOk = parity & 2, evenOk = parity & 1;
     quint32 bits = 0;
     for (int i = 0; i < 16; ++i) {
         const uchar* q = p + i;
