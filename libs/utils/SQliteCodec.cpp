@@ -98,6 +98,21 @@ QVariant SQliteCodec::value(ByteCursor& c, qint64 serialType, int* len, qint32 e
     return QVariant(text(p, got, encoding));
 }
 
+qint64 SQliteCodec::valueLength(qint64 serialType) {
+    static const qint64 fixed[] = {0, 1, 2, 3, 4, 6, 8, 8, 0, 0, 0, 0};
+    if (serialType < 0) return 0;
+    if (serialType < 12) return fixed[serialType];
+    return (serialType - 12 - serialType % 2) / 2;
+}
+
+qint64 SQliteCodec::localPayload(qint64 payload, qint64 usable, bool table) {
+    const qint64 maxLocal = table ? usable - 35 : (usable - 12) * 64 / 255 - 23;
+    if (payload <= maxLocal) return payload;
+    const qint64 minLocal = (usable - 12) * 32 / 255 - 23;
+    const qint64 k = usable - 4 > 0 ? minLocal + (payload - minLocal) % (usable - 4) : minLocal;
+    return k <= maxLocal ? k : minLocal;
+}
+
 bool SQliteCodec::extendedLetterAccepts(ushort code, int serialType) {
     if (code == 't') return serialType == 0 || serialType >= 12;
     if (code == 'a') return (serialType >= 0 && serialType <= 9) || serialType >= 12;

@@ -25,6 +25,13 @@ public:
     // and a (any serial type a record may hold).
     static bool extendedLetterAccepts(ushort code, int serialType);
 
+    // The bytes a value of a serial type takes in a record: none for NULL, 0, 1 and the reserved
+    // types 10 and 11 (and for anything below 0).
+    static qint64 valueLength(qint64 serialType);
+    // The bytes of a payload that its cell keeps, the rest going to overflow pages, as the file
+    // format defines it for a page of usable bytes: a table leaf's cell (table) or an index cell.
+    static qint64 localPayload(qint64 payload, qint64 usable, bool table = true);
+
     // A type pattern with its answers for every one-byte serial type worked out once.
     class Pattern {
     public:

@@ -1,6 +1,7 @@
 #include "SQliteLiveView.h"
 
 #include "ByteCursor.h"
+#include "SQliteCodec.h"
 #include "SQliteDbUtil.h"
 #include "SQliteSource.h"
 
@@ -264,8 +265,6 @@ QMap<int, QString> SQliteLiveView::pageOwners(SQliteDbUtil& db) {
     SQliteSource& src = sqliteSource(db);
     const qint64 pageSize = db.header.pageSize, usable = pageSize - db.header.reservedSpace;
     if (usable < 480) return owners;
-    const qint64 maxTableLocal = usable - 35, maxIndexLocal = ((usable - 12) * 64 / 255) - 23;
-    const qint64 minLocal = ((usable - 12) * 32 / 255) - 23;
     for (const auto& root : roots) {
         std::vector<int> todo{root.first};
         while (!todo.empty()) {
@@ -284,10 +283,8 @@ QMap<int, QString> SQliteLiveView::pageOwners(SQliteDbUtil& db) {
                 int len = 0;
                 const qint64 payload = c.varint(&len);
                 if (it->type == 13) c.varint(&len);
-                const qint64 maxLocal = it->type == 13 ? maxTableLocal : maxIndexLocal;
-                if (payload <= maxLocal || payload > (qint64(1) << 40)) continue;
-                const qint64 k = minLocal + (payload - minLocal) % (usable - 4);
-                const qint64 local = k <= maxLocal ? k : minLocal;
+                const qint64 local = SQliteCodec::localPayload(payload, usable, it->type == 13);
+                if (local == payload || payload > (qint64(1) << 40)) continue;
                 const qint64 at = pagePosition(quint32(pageSize), pageNo) + offset + c.pos() + local;
                 qint64 next = src.cursor(at, 4).u32();
                 for (qint64 left = payload - local; next > 0 && left > 0 && !owners.contains(int(next));

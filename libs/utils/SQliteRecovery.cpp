@@ -141,14 +141,6 @@ const QStringList kConstraintWords = {"CONSTRAINT", "PRIMARY", "NOT",        "NU
                                       "DEFAULT",    "COLLATE", "REFERENCES", "GENERATED", "AS"};
 const QStringList kTableConstraints = {"CONSTRAINT", "PRIMARY", "UNIQUE", "CHECK", "FOREIGN"};
 
-// A value's byte count by its serial type, as SQLite stores it.
-qint64 valueLength(qint64 type) {
-    static const qint64 fixed[] = {0, 1, 2, 3, 4, 6, 8, 8, 0, 0, 0, 0};
-    if (type < 0) return 0;
-    if (type < 12) return fixed[type];
-    return (type - 12 - type % 2) / 2;
-}
-
 // A varint read from memory, bounded: false when it runs past end.
 bool varint(const uchar* data, qint64 pos, qint64 end, qint64* value, int* len) {
     quint64 v = 0;
@@ -176,7 +168,7 @@ qint64 signExtend(quint64 v, int bytes) {
     return qint64(v << shift) >> shift;
 }
 
-// One value as SQLite stores it; bytes holds at least valueLength(type) bytes.
+// One value as SQLite stores it; bytes holds at least SQliteCodec::valueLength(type) bytes.
 QVariant storedValue(const uchar* p, qint64 type, qint32 encoding) {
     auto be = [p](int n) {
         quint64 v = 0;
@@ -209,7 +201,7 @@ QVariant storedValue(const uchar* p, qint64 type, qint32 encoding) {
     default:
         break;
     }
-    const int n = int(valueLength(type));
+    const int n = int(SQliteCodec::valueLength(type));
     if (type % 2 == 0) return QVariant(QByteArray(reinterpret_cast<const char*>(p), n));
     if (encoding == 2 || encoding == 3) {
         QString s(n / 2, Qt::Uninitialized);
@@ -412,13 +404,6 @@ struct SQliteRecovery::Private {
     void findUsedPages();
     QByteArray readPage(int pageNo);
 
-    qint64 localSize(qint64 payload) const {
-        const qint64 maxLocal = usable - 35;
-        if (payload <= maxLocal) return payload;
-        const qint64 minLocal = ((usable - 12) * 32 / 255) - 23;
-        const qint64 k = minLocal + (payload - minLocal) % (usable - 4);
-        return k <= maxLocal ? k : minLocal;
-    }
     bool typesAt(const uchar* data, qint64 pos, qint64 end, int first, Candidate& c, qint64* consumed) const;
     bool headerAt(const uchar* data, qint64 pos, qint64 areaStart, qint64 areaEnd, Candidate& c) const;
     bool lostHeaderAt(const uchar* data, qint64 pos, qint64 areaEnd, int lost, Candidate& c) const;
@@ -653,7 +638,7 @@ bool SQliteRecovery::Private::loadLive() {
                 const qint64 type = i < view.size() ? view.serialType(i) : 0;
                 qint64 len = 0;
                 const uchar* p = i < view.size() ? view.bytes(i, &len) : nullptr;
-                values.append(p && len >= valueLength(type) && type != 10 && type != 11
+                values.append(p && len >= SQliteCodec::valueLength(type) && type != 10 && type != 11
                                   ? columnValue(i, storedValue(p, type, encoding))
                                   : QVariant());
             }
@@ -797,7 +782,7 @@ bool SQliteRecovery::Private::headerAt(const uchar* data, qint64 pos, qint64 are
     c.valuesAt = pos + headerSize;
     c.length = headerSize;
     for (qint64 t : c.types)
-        c.length += valueLength(t);
+        c.length += SQliteCodec::valueLength(t);
     // The cell's payload length and rowid, when they survive right in front of the header.
     c.cellStart = -1;
     for (int rowidLen = 1; rowidLen <= 9 && c.cellStart < 0; ++rowidLen) {
@@ -831,7 +816,7 @@ bool SQliteRecovery::Private::lostHeaderAt(const uchar* data, qint64 pos, qint64
     c.valuesAt = pos + consumed;
     c.length = c.headerSize;
     for (qint64 t : c.types)
-        c.length += valueLength(t);
+        c.length += SQliteCodec::valueLength(t);
     return true;
 }
 
@@ -843,7 +828,7 @@ void SQliteRecovery::Private::finish(const uchar* data, qint64 areaEnd, const Ca
     // The payload starts with the record's header, which for a record whose header was
     // overwritten lay headerSize bytes before its values all the same.
     const qint64 payloadStart = c.valuesAt - c.headerSize;
-    const qint64 local = localSize(c.length);
+    const qint64 local = SQliteCodec::localPayload(c.length, usable);
     qint64 localEnd = payloadStart + local;
     QByteArray values;
     bool layoutOk = true;
@@ -894,7 +879,7 @@ void SQliteRecovery::Private::finish(const uchar* data, qint64 areaEnd, const Ca
     textOk = true;
     for (size_t i = 0; i < c.types.size(); ++i) {
         const qint64 type = c.types[i];
-        const qint64 len = valueLength(type);
+        const qint64 len = SQliteCodec::valueLength(type);
         if (type == 10 || type == 11) layoutOk = false;
         if (at + len > values.size() || type == 10 || type == 11) {
             cut = cut || at + len > values.size();

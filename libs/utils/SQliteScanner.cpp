@@ -6,7 +6,6 @@
 #include "SQliteSource.h"
 
 #include <QSet>
-#include <QTextCodec>
 #include <QtAlgorithms>
 
 #include <algorithm>
@@ -61,19 +60,6 @@ void SQliteScanner::setProgress(ProgressCallback progress) {
 // ---------------------------------------------------------------------------------------------
 // Live records
 
-namespace {
-
-// The bytes a value's reading takes before the payload ends: none for NULL, 0, 1 and the
-// reserved types.
-qint64 valueLength(int type) {
-    static const qint64 fixed[] = {0, 1, 2, 3, 4, 6, 8, 8, 0, 0, 0, 0};
-    if (type < 0) return 0;
-    if (type < 12) return fixed[type];
-    return std::min<qint64>((type - 12 - type % 2) / 2, INT32_MAX);
-}
-
-} // namespace
-
 const uchar* SQliteScanner::RecordView::bytes(int i, qint64* n) const {
     *n = m_starts[size_t(i) + 1] - m_starts[size_t(i)];
     return m_payload + m_starts[size_t(i)];
@@ -106,17 +92,14 @@ bool SQliteScanner::Private::decodeCell(SQliteSource& src, qint64 pos, RecordVie
 
     // Local part and overflow as the file format defines them.
     const qint64 usable = qint64(db.header.pageSize) - db.header.reservedSpace;
-    const qint64 maxLocal = usable - 35;
-    const qint64 minLocal = ((usable - 12) * 32 / 255) - 23;
-    if (payloadSize <= maxLocal) {
+    if (payloadSize <= usable - 35) {
         // A negative size asks for everything that is left, as an unsigned count would.
         const qint64 wanted = payloadSize < 0 ? available : std::min<qint64>(payloadSize, available);
         const uchar* p = src.bytes(at, std::min<qint64>(wanted, INT32_MAX), &got);
         payload.resize(int(got));
         std::memcpy(payload.data(), p, size_t(got));
     } else {
-        const qint64 k = usable - 4 > 0 ? minLocal + (payloadSize - minLocal) % (usable - 4) : minLocal;
-        const qint64 local = k > maxLocal ? minLocal : k;
+        const qint64 local = SQliteCodec::localPayload(payloadSize, usable);
         const uchar* p = src.bytes(at, std::max<qint64>(0, local), &got);
         payload = QByteArray(reinterpret_cast<const char*>(p), int(got));
         at += got;
@@ -150,7 +133,7 @@ void SQliteScanner::Private::readPayload(qint64 rowid, const uchar* p, qint64 n,
     qint64 at = c.pos();
     out.m_starts.push_back(at);
     for (int type : out.m_types) {
-        at += std::min(valueLength(type), std::max<qint64>(0, n - at));
+        at += std::min(SQliteCodec::valueLength(type), std::max<qint64>(0, n - at));
         out.m_starts.push_back(at);
     }
 }
