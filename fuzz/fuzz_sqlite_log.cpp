@@ -5,6 +5,7 @@
 #include "SQliteDbUtil.h"
 #include "SQliteLiveView.h"
 #include "SQliteRecovery.h"
+#include "SQliteScanner.h"
 
 #include <QFile>
 #include <QTemporaryDir>
@@ -32,7 +33,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     SQliteDbUtil reader;
     SQliteLiveView view;
     if (!view.load(reader, path)) return 0;
-    SQliteLiveView::pageOwners(reader);
+    SQliteScanner(reader).pageOwners();
     for (const SQliteLiveView::Version& v : view.hiddenVersions())
         view.pageData(v);
     for (const SQliteTable& t : reader.fetchAllTable()) {

@@ -15,6 +15,7 @@
 #include "SQliteDbUtil.h"
 #include "SQliteLiveView.h"
 #include "SQliteRecovery.h"
+#include "SQliteScanner.h"
 
 #include <QCryptographicHash>
 #include <QDateTime>
@@ -113,7 +114,7 @@ TEST_F(ReadOnly, LibraryReaders) {
                  recovery.setLiveView(&view);
                  ASSERT_TRUE(recovery.setTable("m"));
                  recovery.recover();
-                 SQliteLiveView::pageOwners(db);
+                 SQliteScanner(db).pageOwners();
              }
          }},
         {"PlistUtils, NSKeyedArchiver",

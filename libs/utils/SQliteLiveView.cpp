@@ -1,7 +1,5 @@
 #include "SQliteLiveView.h"
 
-#include "ByteCursor.h"
-#include "SQliteCodec.h"
 #include "SQliteDbUtil.h"
 #include "SQliteSource.h"
 
@@ -12,7 +10,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <vector>
 
 using namespace sqliteio;
 
@@ -255,45 +252,4 @@ QByteArray SQliteLiveView::pageData(const Version& version) const {
         return file.read(m_pageSize);
     }
     }
-}
-
-QMap<int, QString> SQliteLiveView::pageOwners(SQliteDbUtil& db) {
-    QMap<int, QString> owners;
-    QList<QPair<int, QString>> roots{{1, QStringLiteral("sqlite_master")}};
-    for (const QList<QVariant>& row : db.fetchRecordsInTable(QStringLiteral("sqlite_master")))
-        if (row.size() == 6 && row.at(4).toInt() > 0) roots.append({row.at(4).toInt(), row.at(2).toString()});
-    SQliteSource& src = sqliteSource(db);
-    const qint64 pageSize = db.header.pageSize, usable = pageSize - db.header.reservedSpace;
-    if (usable < 480) return owners;
-    for (const auto& root : roots) {
-        std::vector<int> todo{root.first};
-        while (!todo.empty()) {
-            const int pageNo = todo.back();
-            todo.pop_back();
-            const auto it = db.pages.constFind(pageNo);
-            if (it == db.pages.constEnd() || it->type == 0 || owners.contains(pageNo)) continue;
-            owners.insert(pageNo, root.second);
-            if (it->type == 2 || it->type == 5) todo.push_back(int(it->rightMostPointer));
-            for (quint16 offset : it->cellOffsets) {
-                ByteCursor c = src.cursor(pagePosition(quint32(pageSize), pageNo) + offset, 4 + 18);
-                if (it->type == 2 || it->type == 5) {
-                    todo.push_back(int(c.u32()));
-                    if (it->type == 5) continue;
-                }
-                int len = 0;
-                const qint64 payload = c.varint(&len);
-                if (it->type == 13) c.varint(&len);
-                const qint64 local = SQliteCodec::localPayload(payload, usable, it->type == 13);
-                if (local == payload || payload > (qint64(1) << 40)) continue;
-                const qint64 at = pagePosition(quint32(pageSize), pageNo) + offset + c.pos() + local;
-                qint64 next = src.cursor(at, 4).u32();
-                for (qint64 left = payload - local; next > 0 && left > 0 && !owners.contains(int(next));
-                     left -= usable - 4) {
-                    owners.insert(int(next), root.second);
-                    next = src.cursor(pagePosition(quint32(pageSize), next), 4).u32();
-                }
-            }
-        }
-    }
-    return owners;
 }

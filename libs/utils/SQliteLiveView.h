@@ -63,9 +63,6 @@ public:
     QList<Version> hiddenVersions() const;
     QByteArray pageData(const Version& version) const;
 
-    // Which table or index owns each page in use in db: its b-tree pages and its overflow pages.
-    static QMap<int, QString> pageOwners(SQliteDbUtil& db);
-
 private:
     QString m_path;
     Applied m_applied = MainFileOnly;

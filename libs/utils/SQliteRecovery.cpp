@@ -360,7 +360,7 @@ struct SQliteRecovery::Private {
     KeySet liveWithRowid, liveValues, liveAllButOne, liveRowids;
     QSet<quint64> reported;
     QSet<int> freeSet, trunks;
-    QSet<int> usedPages;
+    QMap<int, QString> usedPages; // by the table or index that uses them
     bool usedKnown = false;
     QHash<QString, QVector<QPair<qint64, qint64>>>
         claimed; // per page version: byte ranges of records reported
@@ -401,7 +401,6 @@ struct SQliteRecovery::Private {
     bool loadLive();
     void loadFreeList();
     bool isFree(int pageNo);
-    void findUsedPages();
     QByteArray readPage(int pageNo);
 
     bool typesAt(const uchar* data, qint64 pos, qint64 end, int first, Candidate& c, qint64* consumed) const;
@@ -677,66 +676,12 @@ QByteArray SQliteRecovery::Private::readPage(int pageNo) {
     return QByteArray(reinterpret_cast<const char*>(p), int(got));
 }
 
-// Every page that a b-tree or a live overflow chain uses.
-void SQliteRecovery::Private::findUsedPages() {
-    usedKnown = true;
-    usedPages.clear();
-    QList<int> roots{1};
-    for (const QList<QVariant>& row : db.fetchRecordsInTable(QStringLiteral("sqlite_master")))
-        if (row.size() == 6) roots << row.at(4).toInt();
-    const qint64 maxTableLocal = usable - 35;
-    const qint64 maxIndexLocal = ((usable - 12) * 64 / 255) - 23;
-    const qint64 minLocal = ((usable - 12) * 32 / 255) - 23;
-    std::vector<int> todo(roots.begin(), roots.end());
-    while (!todo.empty()) {
-        const int pageNo = todo.back();
-        todo.pop_back();
-        const auto it = db.pages.constFind(pageNo);
-        if (it == db.pages.constEnd() || it->type == 0 || usedPages.contains(pageNo) ||
-            freeSet.contains(pageNo))
-            continue;
-        usedPages.insert(pageNo);
-        const QByteArray bytes = readPage(pageNo);
-        const uchar* data = reinterpret_cast<const uchar*>(bytes.constData());
-        const qint64 size = bytes.size();
-        if (it->type == 2 || it->type == 5) todo.push_back(int(it->rightMostPointer));
-        for (quint16 offset : it->cellOffsets) {
-            qint64 pos = offset, value = 0;
-            int len = 0;
-            if (it->type == 2 || it->type == 5) {
-                if (pos + 4 > size) continue;
-                todo.push_back(int(be32(data + pos)));
-                pos += 4;
-                if (it->type == 5) continue;
-            }
-            if (!varint(data, pos, size, &value, &len)) continue;
-            const qint64 payload = value;
-            pos += len;
-            if (it->type == 13) {
-                if (!varint(data, pos, size, &value, &len)) continue;
-                pos += len;
-            }
-            const qint64 maxLocal = it->type == 13 ? maxTableLocal : maxIndexLocal;
-            if (payload <= maxLocal) continue;
-            const qint64 k = minLocal + (payload - minLocal) % (usable - 4);
-            const qint64 local = k <= maxLocal ? k : minLocal;
-            if (pos + local + 4 > size) continue;
-            // The chain: every page of it is in use.
-            qint64 next = be32(data + pos + local);
-            for (qint64 left = payload - local; next > 0 && left > 0 && !usedPages.contains(int(next));
-                 left -= usable - 4) {
-                usedPages.insert(int(next));
-                ByteCursor c = sqliteSource(db).cursor(pagePosition(quint32(pageSize), next), 4);
-                next = c.u32();
-            }
-        }
-    }
-}
-
 bool SQliteRecovery::Private::isFree(int pageNo) {
     if (pageNo < 1 || pageNo > db.header.pageCount) return false;
     if (freeSet.contains(pageNo)) return true;
-    if (!usedKnown) findUsedPages();
+    // Every page that a b-tree or a live overflow chain uses, worked out when first needed.
+    if (!usedKnown) usedPages = SQliteScanner(db).pageOwners();
+    usedKnown = true;
     return !usedPages.contains(pageNo);
 }
 

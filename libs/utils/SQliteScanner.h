@@ -13,6 +13,7 @@
 
 #include <QByteArray>
 #include <QList>
+#include <QMap>
 #include <QString>
 #include <QVariant>
 
@@ -100,6 +101,9 @@ public:
                      const FoundCallback& callback);
     // The gap, then the freeblocks, of a table leaf page.
     QList<Area> areasInPage(int page);
+
+    // Which table or index owns each page in use: its b-tree pages and its overflow pages.
+    QMap<int, QString> pageOwners();
 
 private:
     struct Private;

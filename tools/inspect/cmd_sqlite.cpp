@@ -364,7 +364,7 @@ int runWal(const QStringList& argv) {
     QMap<int, QString> owners;
     QSet<int> freePages;
     if (loaded) {
-        owners = SQliteLiveView::pageOwners(db);
+        owners = SQliteScanner(db).pageOwners();
         for (int p : db.freeListPages)
             freePages.insert(p);
     }
