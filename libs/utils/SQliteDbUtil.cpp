@@ -75,6 +75,10 @@ SQliteSource& sqliteSource(SQliteDbUtil& db) {
     return source;
 }
 
+bool stopRequested(const SQliteDbUtil& db) {
+    return __atomic_load_n(&db.stopRequested, __ATOMIC_RELAXED);
+}
+
 SQliteDbUtil::SQliteDbUtil() : stopRequested(false) {}
 
 // ---------------------------------------------------------------------------------------------

@@ -408,6 +408,8 @@ struct SQliteRecovery::Private {
     bool lostHeaderAt(const uchar* data, qint64 pos, qint64 areaEnd, int lost, Candidate& c) const;
     void finish(const uchar* data, qint64 areaEnd, const Candidate& c, Record& r);
     void check(const Candidate& c, Record& r);
+    // Where r was found (offset in its page), with its rowid alias filled in; then its checks.
+    void place(const Candidate& c, int pageNo, Region region, qint64 offset, Record& r);
     bool report(Record& r, const Callback& callback);
     bool searchArea(const uchar* data, int pageNo, Region region, qint64 start, qint64 end,
                     const QSet<qint64>& heads, const Callback& callback);
@@ -465,39 +467,27 @@ QStringList SQliteRecovery::declaredTypes() const {
     return types;
 }
 
+namespace {
+
+template <size_t N> QString nameOf(const char* const (&names)[N], int i) {
+    return i >= 0 && i < int(N) ? QString::fromLatin1(names[i]) : QString();
+}
+
+} // namespace
+
 QString SQliteRecovery::regionName(Region region) {
-    switch (region) {
-    case Gap:
-        return QStringLiteral("gap");
-    case Freeblock:
-        return QStringLiteral("freeblock");
-    case Cell:
-        return QStringLiteral("cell");
-    default:
-        return QStringLiteral("free page");
-    }
+    static const char* const names[] = {"gap", "freeblock", "free page", "cell"};
+    return nameOf(names, region);
 }
 
 QString SQliteRecovery::verdictName(Verdict verdict) {
-    switch (verdict) {
-    case Recovered:
-        return QStringLiteral("recovered");
-    case Partial:
-        return QStringLiteral("partial");
-    default:
-        return QStringLiteral("held");
-    }
+    static const char* const names[] = {"recovered", "partial", "held"};
+    return nameOf(names, verdict);
 }
 
 QString SQliteRecovery::overflowName(Overflow overflow) {
-    switch (overflow) {
-    case Reassembled:
-        return QStringLiteral("reassembled");
-    case Broken:
-        return QStringLiteral("broken");
-    default:
-        return QString();
-    }
+    static const char* const names[] = {"", "reassembled", "broken"};
+    return nameOf(names, overflow);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -853,6 +843,16 @@ void SQliteRecovery::Private::finish(const uchar* data, qint64 areaEnd, const Ca
     if (r.overflow == Broken) r.verdict = Partial;
 }
 
+void SQliteRecovery::Private::place(const Candidate& c, int pageNo, Region region, qint64 offset, Record& r) {
+    r.page = pageNo;
+    r.region = region;
+    r.offset = int(offset);
+    r.fileOffset = pagePosition(quint32(pageSize), pageNo) + offset;
+    if (alias >= 0 && alias < r.values.size())
+        r.values[alias] = r.rowidKnown ? QVariant(r.rowid) : QVariant();
+    check(c, r);
+}
+
 void SQliteRecovery::Private::check(const Candidate& c, Record& r) {
     const qint32 encoding = db.header.textEncoding;
     bool empty = true, encodingOk = textOk, affinityOk = true;
@@ -962,7 +962,6 @@ bool SQliteRecovery::Private::searchArea(const uchar* data, int pageNo, Region r
     };
     std::vector<Found> found;
     Candidate c;
-    const qint64 base = pagePosition(quint32(pageSize), pageNo);
     for (qint64 pos = start; pos < end; ++pos) {
         for (int attempt = 0; attempt < 3; ++attempt) {
             // A record whose first four bytes a freeblock header overwrote (one that is still a
@@ -983,13 +982,7 @@ bool SQliteRecovery::Private::searchArea(const uchar* data, int pageNo, Region r
             // follows right after it.
             if (attempt > 0 && !heads.contains(pos) && !cellBoundary(data, c.start + r.length, blockEnd))
                 continue;
-            r.page = pageNo;
-            r.region = region;
-            r.offset = int(r.rowidKnown ? c.cellStart : c.start);
-            r.fileOffset = base + r.offset;
-            if (alias >= 0 && alias < r.values.size())
-                r.values[alias] = r.rowidKnown ? QVariant(r.rowid) : QVariant();
-            check(c, r);
+            place(c, pageNo, region, r.rowidKnown ? c.cellStart : c.start, r);
             found.push_back({r, attempt > 0 ? 1 : r.rowidKnown ? 3 : 2});
             if (r.verdict != Held) break;
         }
@@ -1106,7 +1099,6 @@ bool SQliteRecovery::Private::searchCells(const QByteArray& bytes, int pageNo, c
     const uchar* data = reinterpret_cast<const uchar*>(bytes.constData());
     const qint64 header = pageNo == 1 ? 100 : 0;
     const qint64 cells = be16(data + header + 3);
-    const qint64 base = pagePosition(quint32(pageSize), pageNo);
     Candidate c;
     for (qint64 i = 0; i < cells && header + 8 + 2 * i + 2 <= usable; ++i) {
         const qint64 offset = be16(data + header + 8 + 2 * i);
@@ -1118,12 +1110,7 @@ bool SQliteRecovery::Private::searchCells(const QByteArray& bytes, int pageNo, c
         if (!headerAt(data, offset + l1 + l2, offset, usable, c) || c.cellStart != offset) continue;
         Record r;
         finish(data, usable, c, r);
-        r.page = pageNo;
-        r.region = Cell;
-        r.offset = int(offset);
-        r.fileOffset = base + offset;
-        if (alias >= 0 && alias < r.values.size()) r.values[alias] = QVariant(r.rowid);
-        check(c, r);
+        place(c, pageNo, Cell, offset, r);
         if (!report(r, callback)) return false;
     }
     return true;
@@ -1157,7 +1144,7 @@ bool SQliteRecovery::forEach(const Callback& callback) {
     const int total = todo.size() + versions.size();
     d->version.clear();
     for (int i = 0; i < todo.size(); ++i) {
-        if (__atomic_load_n(&d->db.stopRequested, __ATOMIC_RELAXED)) return false;
+        if (stopRequested(d->db)) return false;
         const int page = todo.at(i).first;
         const QByteArray bytes = d->readPage(page);
         const bool ok = todo.at(i).second ? d->searchFreePage(bytes, page, d->trunks.contains(page), callback)
@@ -1167,7 +1154,7 @@ bool SQliteRecovery::forEach(const Callback& callback) {
     }
     // The versions of pages the database no longer shows: their cells, their free space.
     for (int i = 0; i < versions.size(); ++i) {
-        if (__atomic_load_n(&d->db.stopRequested, __ATOMIC_RELAXED)) return false;
+        if (stopRequested(d->db)) return false;
         const SQliteLiveView::Version& v = versions.at(i);
         d->version = v.describe();
         const QByteArray bytes = d->view->pageData(v);

@@ -123,7 +123,7 @@ public:
     };
     Summary summary() const;
 
-    static QString regionName(Region region);       // "gap", "freeblock", "free page"
+    static QString regionName(Region region);       // "gap", "freeblock", "free page", "cell"
     static QString verdictName(Verdict verdict);    // "recovered", "partial", "held"
     static QString overflowName(Overflow overflow); // "", "reassembled", "broken"
 

@@ -14,14 +14,6 @@
 
 using namespace sqliteio;
 
-namespace {
-
-bool stopRequested(const SQliteDbUtil& db) {
-    return __atomic_load_n(&db.stopRequested, __ATOMIC_RELAXED);
-}
-
-} // namespace
-
 struct SQliteScanner::Private {
     explicit Private(SQliteDbUtil& reader) : db(reader) {}
 

@@ -76,6 +76,8 @@ class SQliteDbUtil;
 
 // The source of db, attached to its stream's device for the operation that follows.
 SQliteSource& sqliteSource(SQliteDbUtil& db);
+// Whether db's stopSearch() was called (its flag is shared with the thread that calls it).
+bool stopRequested(const SQliteDbUtil& db);
 
 namespace sqliteio {
 
