@@ -7,7 +7,6 @@
 
 #include <QRegExp>
 #include <QSet>
-#include <QTextCodec>
 
 #include <algorithm>
 #include <vector>
@@ -39,20 +38,6 @@ bool seekStream(QDataStream* s, qint64 pos) {
     if (!s || !s->device() || !s->device()->isOpen() || pos < 0) return false;
     s->resetStatus();
     return s->device()->seek(pos);
-}
-
-QTextCodec* codecForEncoding(qint32 encoding) {
-    static QTextCodec* const utf8 = QTextCodec::codecForName("UTF-8");
-    static QTextCodec* const utf16le = QTextCodec::codecForName("UTF-16LE");
-    static QTextCodec* const utf16be = QTextCodec::codecForName("UTF-16BE");
-    switch (encoding) {
-    case 3:
-        return utf16be;
-    case 2:
-        return utf16le;
-    default:
-        return utf8;
-    }
 }
 
 QByteArray copyOf(const uchar* p, qint64 n) {
@@ -321,7 +306,8 @@ QByteArray SQliteDbUtil::readOverFlowData(int page) {
 }
 
 QString SQliteDbUtil::cellData2String(const QByteArray& bytes) {
-    return codecForEncoding(header.textEncoding)->toUnicode(bytes);
+    return SQliteCodec::text(reinterpret_cast<const uchar*>(bytes.constData()), bytes.size(),
+                             header.textEncoding);
 }
 
 // ---------------------------------------------------------------------------------------------
