@@ -70,8 +70,12 @@ SQliteDbUtil::SQliteDbUtil() : stopRequested(false) {}
 // Loading
 
 bool SQliteDbUtil::loadDb(const QString& path) {
+    return loadFile(QSharedPointer<QFile>(new QFile(path)));
+}
+
+bool SQliteDbUtil::loadFile(QSharedPointer<QFile> device) {
     m_source.get()->reset();
-    file = QSharedPointer<QFile>(new QFile(path));
+    file = std::move(device);
     if (!file->open(QIODevice::ReadOnly)) return false;
     stream = QSharedPointer<QDataStream>(new QDataStream(file.data()));
     stream->setByteOrder(QDataStream::BigEndian);

@@ -136,4 +136,7 @@ private:
     };
     SourceHolder m_source;
     friend SQliteSource& sqliteSource(SQliteDbUtil& db);
+    // loadDb on a file of any kind: the live view loads the reader on its overlay this way.
+    bool loadFile(QSharedPointer<QFile> device);
+    friend class SQliteLiveView;
 };

@@ -3,7 +3,6 @@
 #include "SQliteDbUtil.h"
 #include "SQliteSource.h"
 
-#include <QDataStream>
 #include <QFile>
 #include <QFileInfo>
 #include <QSharedPointer>
@@ -203,17 +202,8 @@ bool SQliteLiveView::load(SQliteDbUtil& db, const QString& path, bool mainFileOn
         size = std::min(size, held * m_pageSize);
     }
 
-    // Open and index as loadDb does, on the view.
-    OverlayFile* file = new OverlayFile(path, imagesPath, std::max<quint32>(m_pageSize, 1), size, images);
-    db.file = QSharedPointer<QFile>(file);
-    if (!file->open(QIODevice::ReadOnly)) return false;
-    db.stream = QSharedPointer<QDataStream>(new QDataStream(file));
-    db.stream->setByteOrder(QDataStream::BigEndian);
-    if (!db.parseDbHeader()) return false;
-    if (!db.parsePages()) return false;
-    if (!db.parseFreeListPages(quint32(db.header.firstFreeListTrunk))) return false;
-    db.parseTables();
-    return true;
+    return db.loadFile(QSharedPointer<QFile>(
+        new OverlayFile(path, imagesPath, std::max<quint32>(m_pageSize, 1), size, images)));
 }
 
 QList<SQliteLiveView::Version> SQliteLiveView::hiddenVersions() const {
