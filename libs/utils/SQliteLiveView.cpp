@@ -124,20 +124,22 @@ bool SQliteLiveView::load(SQliteDbUtil& db, const QString& path, bool mainFileOn
     qint64 size = QFileInfo(path).size();
     const QString logFile = logPath(path), journalFile = journalPath(path);
     const bool haveLog = QFileInfo(logFile).isFile(), haveJournal = QFileInfo(journalFile).isFile();
+    // Why a log or journal that was read is not applied; the view then shows the main file alone.
+    const QString alone = QStringLiteral("; the main file alone is read");
+    const QString asked = QStringLiteral("left aside as asked");
+    auto otherPageSize = [this](quint32 size) {
+        return m_pageSize && size != m_pageSize
+                   ? QString("pages of %1 bytes, the database's are of %2").arg(size).arg(m_pageSize)
+                   : QString();
+    };
     if (haveLog && m_log.load(logFile)) {
-        if (mainFileOnly) {
-            m_note = QString("%1 left aside (--no-wal): the main file alone is read").arg(logFile);
-        } else if (!m_log.header.checksumValid) {
-            m_note = QString("%1: its header's checksum fails, so the engine would ignore it; the main file "
-                             "alone is read")
-                         .arg(logFile);
-        } else if (m_log.committedSize() == 0) {
-            m_note = QString("%1: no committed transaction; the main file alone is read").arg(logFile);
-        } else if (m_pageSize && m_log.header.pageSize != m_pageSize) {
-            m_note = QString("%1: pages of %2 bytes, the database's are of %3; the main file alone is read")
-                         .arg(logFile)
-                         .arg(m_log.header.pageSize)
-                         .arg(m_pageSize);
+        const QString why = mainFileOnly ? asked
+                            : !m_log.header.checksumValid
+                                ? "its header's checksum fails, so the engine would ignore it"
+                            : m_log.committedSize() == 0 ? "no committed transaction"
+                                                         : otherPageSize(m_log.header.pageSize);
+        if (!why.isEmpty()) {
+            m_note = logFile + ": " + why + alone;
         } else {
             m_applied = Log;
             m_pageSize = m_log.header.pageSize;
@@ -146,34 +148,23 @@ bool SQliteLiveView::load(SQliteDbUtil& db, const QString& path, bool mainFileOn
                 images.insert(it.key(), m_log.frames.at(it.value()).offset + 24);
             imagesPath = logFile;
             size = qint64(m_log.committedSize()) * m_pageSize;
-            int committed = 0;
-            for (const SQliteWal::Frame& f : m_log.frames)
-                committed += f.committed ? 1 : 0;
             m_note =
                 QString(
                     "%1: %2 of its %3 frames committed; read as the engine would, without changing a byte")
                     .arg(logFile)
-                    .arg(committed)
+                    .arg(m_log.committedFrames())
                     .arg(m_log.frames.size());
         }
     } else if (haveLog) {
-        m_note = QString("%1: %2; the main file alone is read").arg(logFile, m_log.error());
+        m_note = logFile + ": " + m_log.error() + alone;
     }
     if (m_applied == MainFileOnly && haveJournal && m_journal.load(journalFile, m_pageSize)) {
+        const QString why = mainFileOnly ? asked : otherPageSize(m_journal.header.pageSize);
         if (!m_journal.isHot()) {
-            m_note = QString("%1: the page images of a finished transaction; the recovery searches them")
-                         .arg(journalFile);
-        } else if (mainFileOnly) {
-            m_note =
-                QString(
-                    "%1 left aside (--no-wal): the main file alone is read, as the unfinished transaction "
-                    "left it")
-                    .arg(journalFile);
-        } else if (m_pageSize && m_journal.header.pageSize != m_pageSize) {
-            m_note = QString("%1: pages of %2 bytes, the database's are of %3; the main file alone is read")
-                         .arg(journalFile)
-                         .arg(m_journal.header.pageSize)
-                         .arg(m_pageSize);
+            m_note = journalFile + ": the page images of a finished transaction; the recovery searches them";
+        } else if (!why.isEmpty()) {
+            m_note = journalFile + ": " + why + alone +
+                     (mainFileOnly ? ", as the unfinished transaction left it" : "");
         } else {
             m_applied = Journal;
             m_shown = m_journal.rollbackPages();
@@ -181,15 +172,13 @@ bool SQliteLiveView::load(SQliteDbUtil& db, const QString& path, bool mainFileOn
                 images.insert(it.key(), m_journal.records.at(it.value()).offset + 4);
             imagesPath = journalFile;
             if (m_journal.header.initialSize) size = qint64(m_journal.header.initialSize) * m_pageSize;
-            m_note =
-                QString(
-                    "%1: an unfinished transaction, rolled back in the view (%2 pages) without changing a "
-                    "byte")
-                    .arg(journalFile)
-                    .arg(m_shown.size());
+            m_note = QString("%1: an unfinished transaction, rolled back in the view (%2 pages) without "
+                             "changing a byte")
+                         .arg(journalFile)
+                         .arg(m_shown.size());
         }
     } else if (m_applied == MainFileOnly && haveJournal && m_note.isEmpty()) {
-        m_note = QString("%1: %2").arg(journalFile, m_journal.error());
+        m_note = journalFile + ": " + m_journal.error();
     }
 
     // Nothing to lay over the main file: the reader opens it as loadDb does.

@@ -4,6 +4,8 @@
 
 #include <QFile>
 
+#include <algorithm>
+
 namespace {
 
 constexpr qint64 kHeaderSize = 32;
@@ -59,8 +61,7 @@ bool SQliteWal::load(const QString& path) {
     checksum(reinterpret_cast<const uchar*>(head.constData()), 24, big, &s1, &s2);
     header.checksumValid = s1 == header.checksum1 && s2 == header.checksum2;
 
-    // Every whole frame, with its checksum continued from the one before it: from the header for
-    // the current generation, from the frame before it for an older one.
+    // Every whole frame, each checked against the frames before it.
     const qint64 frameSize = kFrameHeaderSize + header.pageSize;
     const qint64 count = (file.size() - kHeaderSize) / frameSize;
     trailingBytes = (file.size() - kHeaderSize) % frameSize;
@@ -140,6 +141,10 @@ quint32 SQliteWal::committedSize() const {
     for (const Frame& f : frames)
         if (f.generation == 0 && f.committed && f.isCommit()) size = f.databaseSize;
     return size;
+}
+
+int SQliteWal::committedFrames() const {
+    return int(std::count_if(frames.begin(), frames.end(), [](const Frame& f) { return f.committed; }));
 }
 
 QMap<quint32, int> SQliteWal::committedPages() const {

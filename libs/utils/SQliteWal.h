@@ -57,6 +57,7 @@ public:
     // log commits nothing) and, for each page, the index in frames of its last committed version.
     quint32 committedSize() const;
     QMap<quint32, int> committedPages() const;
+    int committedFrames() const; // how many frames are committed, in every generation
 
     // The checksum of data (a multiple of 8 bytes) continued from s1 and s2, as the log computes
     // it: words of the given byte order, two at a time.

@@ -22,7 +22,6 @@ const char* const kPatternHelp = "PATTERN has one character per column: 0-9 exac
                                  "b NULL or blob, d NULL or a number, f NULL or float, i NULL or integer, "
                                  "n NULL, s NULL or text.";
 
-// Opens db read-only; on failure prints why and returns false.
 // Opens db read-only as the engine would see it: with the write-ahead log or hot journal beside
 // it, unless noWal. Says on stderr what it did with them; on failure prints why and returns false.
 bool openDb(SQliteDbUtil& db, const QString& path, SQliteLiveView& view, bool noWal) {
@@ -389,9 +388,7 @@ int runWal(const QStringList& argv) {
                 .arg(h.salt1, 8, 16, QChar('0'))
                 .arg(h.salt2, 8, 16, QChar('0'))
                 .arg(h.checksumValid ? "valid" : "INVALID"));
-        int committed = 0;
-        for (const SQliteWal::Frame& f : log.frames)
-            committed += f.committed ? 1 : 0;
+        const int committed = log.committedFrames();
         writer.line(QString("%1 frames: %2 committed, %3 not; %4; database of %5 pages after the last commit")
                         .arg(log.frames.size())
                         .arg(committed)
