@@ -73,11 +73,21 @@ void appendUtf8(QByteArray& out, const QString& text, bool json) {
     appendEscaped(out, text.utf16(), text.size(), json);
 }
 
+// A blob: base64 in a JSON string, or its first 64 bytes in hex and its size when longer.
+void appendBlob(QByteArray& out, const QByteArray& bytes, bool json) {
+    if (json) {
+        out += '"' + bytes.toBase64() + '"';
+        return;
+    }
+    out += "x'" + bytes.left(64).toHex() + "'";
+    if (bytes.size() > 64) out += "...(" + QByteArray::number(bytes.size()) + " bytes)";
+}
+
 } // namespace
 
-RecordWriter::RecordWriter(Format format) : m_format(format), m_json(format == Json) {
+RecordWriter::RecordWriter(Format format) : m_format(format) {
     m_buffer.reserve(kFlushAt + 65536);
-    if (m_json) m_buffer += '[';
+    if (json()) m_buffer += '[';
 }
 
 RecordWriter::~RecordWriter() {
@@ -87,7 +97,7 @@ RecordWriter::~RecordWriter() {
 void RecordWriter::finish() {
     if (m_finished) return;
     m_finished = true;
-    if (m_json) m_buffer += m_count ? "\n]\n" : "]\n";
+    if (json()) m_buffer += m_count ? "\n]\n" : "]\n";
     fwrite(m_buffer.constData(), 1, size_t(m_buffer.size()), stdout);
     fflush(stdout);
     m_buffer.clear();
@@ -107,18 +117,22 @@ void RecordWriter::line(const QString& text) {
 }
 
 void RecordWriter::beginItem() {
-    if (m_json) m_buffer += m_count ? ",\n" : "\n";
+    if (json()) m_buffer += m_count ? ",\n" : "\n";
     ++m_count;
+}
+
+void RecordWriter::appendValues(const QList<QVariant>& values, const char* nullText) {
+    for (int i = 0; i < values.size(); ++i) {
+        if (i) m_buffer += json() ? "," : " | ";
+        json() ? appendJson(m_buffer, values.at(i)) : appendText(m_buffer, values.at(i), nullText);
+    }
 }
 
 void RecordWriter::record(const QList<QVariant>& values) {
     beginItem();
-    if (m_json) m_buffer += '[';
-    for (int i = 0; i < values.size(); ++i) {
-        if (i) m_buffer += m_json ? "," : " | ";
-        m_json ? appendJson(m_buffer, values.at(i)) : appendText(m_buffer, values.at(i));
-    }
-    m_buffer += m_json ? "]" : "\n";
+    if (json()) m_buffer += '[';
+    appendValues(values);
+    m_buffer += json() ? "]" : "\n";
     flushIfFull();
 }
 
@@ -131,13 +145,7 @@ void RecordWriter::appendViewValue(const SQliteScanner::RecordView& view, int i)
         const uchar* p = view.bytes(i, &n);
         const char* c = reinterpret_cast<const char*>(p);
         if (type % 2 == 0) {
-            const QByteArray bytes = QByteArray::fromRawData(c, int(n));
-            if (m_json) {
-                m_buffer += '"' + bytes.toBase64() + '"';
-            } else {
-                m_buffer += "x'" + bytes.left(64).toHex() + "'";
-                if (n > 64) m_buffer += "...(" + QByteArray::number(n) + " bytes)";
-            }
+            appendBlob(m_buffer, QByteArray::fromRawData(c, int(n)), json());
             return;
         }
         bool ascii = view.textEncoding() != 2 && view.textEncoding() != 3;
@@ -145,60 +153,58 @@ void RecordWriter::appendViewValue(const SQliteScanner::RecordView& view, int i)
             ascii = p[k] < 0x80;
         if (ascii) {
             m_buffer += '"';
-            appendEscaped(m_buffer, p, int(n), m_json);
+            appendEscaped(m_buffer, p, int(n), json());
             m_buffer += '"';
             return;
         }
     }
-    m_json ? appendJson(m_buffer, view.value(i)) : appendText(m_buffer, view.value(i));
+    json() ? appendJson(m_buffer, view.value(i)) : appendText(m_buffer, view.value(i));
 }
 
 void RecordWriter::record(const SQliteScanner::RecordView& view) {
     beginItem();
-    if (m_json) m_buffer += '[';
+    if (json()) m_buffer += '[';
     appendNumber(m_buffer, view.rowid());
     for (int i = 0; i < view.size(); ++i) {
-        m_buffer += m_json ? "," : " | ";
+        m_buffer += json() ? "," : " | ";
         appendViewValue(view, i);
     }
-    m_buffer += m_json ? "]" : "\n";
+    m_buffer += json() ? "]" : "\n";
     flushIfFull();
 }
 
-void RecordWriter::object(std::initializer_list<Field> fields, const QList<QVariant>& values,
-                          const QList<QVariant>& extra) {
-    if (!m_json) {
+void RecordWriter::object(std::initializer_list<Field> fields, const QList<QVariant>& values) {
+    if (!json()) {
         QList<QVariant> all;
         for (const Field& f : fields)
             all.append(f.second);
-        record(all + values + extra);
+        m_format == Csv ? csvRow(all + values) : record(all + values);
         return;
     }
     beginItem();
     m_buffer += '{';
+    bool first = true;
     for (const Field& f : fields) {
+        if (!first) m_buffer += ',';
+        first = false;
         m_buffer += '"';
         m_buffer += f.first;
         m_buffer += "\":";
         appendJson(m_buffer, f.second);
-        m_buffer += ',';
     }
-    m_buffer += "\"values\":[";
-    for (int i = 0; i < values.size(); ++i) {
-        if (i) m_buffer += ',';
-        appendJson(m_buffer, values.at(i));
+    if (!values.isEmpty()) {
+        m_buffer += ",\"values\":[";
+        appendValues(values);
+        m_buffer += ']';
     }
-    m_buffer += "]}";
+    m_buffer += '}';
     flushIfFull();
 }
 
 void RecordWriter::textRecord(const QString& prefix, const QList<QVariant>& values, const char* nullText) {
     ++m_count;
     appendUtf8(m_buffer, prefix, false);
-    for (int i = 0; i < values.size(); ++i) {
-        if (i) m_buffer += " | ";
-        appendText(m_buffer, values.at(i), nullText);
-    }
+    appendValues(values, nullText);
     m_buffer += '\n';
     flushIfFull();
 }
@@ -245,12 +251,9 @@ void RecordWriter::appendText(QByteArray& out, const QVariant& value, const char
     case QMetaType::LongLong:
         appendNumber(out, value.toLongLong());
         break;
-    case QMetaType::QByteArray: {
-        const QByteArray bytes = value.toByteArray();
-        out += "x'" + bytes.left(64).toHex() + "'";
-        if (bytes.size() > 64) out += "...(" + QByteArray::number(bytes.size()) + " bytes)";
+    case QMetaType::QByteArray:
+        appendBlob(out, value.toByteArray(), false);
         break;
-    }
     case QMetaType::QString:
         out += '"';
         appendUtf8(out, value.toString(), false);
@@ -305,7 +308,7 @@ void RecordWriter::appendJson(QByteArray& out, const QVariant& value) {
         break;
     }
     case QMetaType::QByteArray:
-        out += '"' + value.toByteArray().toBase64() + '"';
+        appendBlob(out, value.toByteArray(), true);
         break;
     default:
         if (value.isValid() && value.canConvert<QString>())

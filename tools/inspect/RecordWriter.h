@@ -25,7 +25,7 @@ public:
     RecordWriter(const RecordWriter&) = delete;
     RecordWriter& operator=(const RecordWriter&) = delete;
 
-    bool json() const { return m_json; }
+    bool json() const { return m_format == Json; }
     Format format() const { return m_format; }
     qint64 count() const { return m_count; }
 
@@ -35,11 +35,10 @@ public:
     void record(const QList<QVariant>& values);
     // The same for a live record read in place: its rowid, then its values.
     void record(const SQliteScanner::RecordView& view);
-    // One record as a JSON object: the named scalar fields, then "values"; as text, the
-    // fields' values, then the record's values, joined.
+    // One record as a JSON object: the named scalar fields, then "values" (left out without
+    // values); as text or CSV, the fields' values, then the record's values.
     using Field = std::pair<const char*, QVariant>;
-    void object(std::initializer_list<Field> fields, const QList<QVariant>& values,
-                const QList<QVariant>& extra = {});
+    void object(std::initializer_list<Field> fields, const QList<QVariant>& values = {});
     // Text: prefix, then the values joined, NULL (an invalid value) written as nullText.
     void textRecord(const QString& prefix, const QList<QVariant>& values, const char* nullText);
     // CSV: one row of cells.
@@ -53,11 +52,11 @@ public:
 
 private:
     void beginItem();
+    void appendValues(const QList<QVariant>& values, const char* nullText = "?");
     void appendViewValue(const SQliteScanner::RecordView& view, int i);
     void flushIfFull();
 
     Format m_format;
-    bool m_json;
     bool m_finished = false;
     qint64 m_count = 0;
     QByteArray m_buffer;

@@ -275,7 +275,7 @@ int runRecover(const QStringList& argv) {
     recovery.forEach([&](const SQliteRecovery::Record& r) {
         const QVariant rowid = r.rowidKnown ? QVariant(r.rowid) : QVariant();
         const QString overflow = SQliteRecovery::overflowName(r.overflow);
-        if (format == RecordWriter::Json) {
+        if (format != RecordWriter::Text) {
             writer.object({{"page", r.page},
                            {"offset", r.offset},
                            {"region", SQliteRecovery::regionName(r.region)},
@@ -284,12 +284,6 @@ int runRecover(const QStringList& argv) {
                            {"reasons", r.reasons},
                            {"rowid", rowid},
                            {"overflow", overflow.isEmpty() ? QVariant() : QVariant(overflow)}},
-                          r.values);
-        } else if (format == RecordWriter::Csv) {
-            writer.csvRow(QList<QVariant>{r.page, r.offset, SQliteRecovery::regionName(r.region),
-                                          r.version.isEmpty() ? QString("live") : r.version,
-                                          SQliteRecovery::verdictName(r.verdict), r.reasons, rowid,
-                                          overflow.isEmpty() ? QVariant() : QVariant(overflow)} +
                           r.values);
         } else {
             QString where = QString("page %1, offset %2, %3")
@@ -407,8 +401,7 @@ int runWal(const QStringList& argv) {
                                {"commit", commit},
                                {"valid", f.valid},
                                {"committed", f.committed},
-                               {"generation", f.generation}},
-                              {});
+                               {"generation", f.generation}});
             else
                 writer.line(
                     QString("%1 | %2 | %3 | %4 | %5 | %6 | %7")
@@ -437,8 +430,7 @@ int runWal(const QStringList& argv) {
             const QString checked = r.valid ? "valid" : journal.header.magicValid ? "INVALID" : "unchecked";
             if (writer.json())
                 writer.object(
-                    {{"record", r.index}, {"page", r.page}, {"owner", owner(r.page)}, {"checksum", checked}},
-                    {});
+                    {{"record", r.index}, {"page", r.page}, {"owner", owner(r.page)}, {"checksum", checked}});
             else
                 writer.line(
                     QString("%1 | %2 | %3 | %4").arg(r.index).arg(r.page).arg(owner(r.page), checked));
