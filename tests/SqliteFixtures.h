@@ -4,6 +4,10 @@
 
 #include "TestSupport.h"
 
+#include "SQliteDbUtil.h"
+#include "SQliteLiveView.h"
+#include "SQliteRecovery.h"
+
 #include <QByteArray>
 #include <QDir>
 #include <QFile>
@@ -21,7 +25,7 @@ namespace fixtures {
 class EngineDb {
 public:
     // A new database at path, or with fresh false the one already there.
-    explicit EngineDb(const QString& path, bool fresh = true) : m_path(path) {
+    explicit EngineDb(const QString& path, bool fresh = true) {
         if (fresh) QFile::remove(path);
         if (sqlite3_open(path.toUtf8().constData(), &m_db) != SQLITE_OK)
             ADD_FAILURE() << "cannot create " << path.toStdString();
@@ -65,23 +69,34 @@ public:
         sqlite3_finalize(st);
         return rows;
     }
-    qint64 pragma(const QString& name) {
-        sqlite3_stmt* st = nullptr;
-        sqlite3_prepare_v2(m_db, ("PRAGMA " + name).toUtf8().constData(), -1, &st, nullptr);
-        qint64 v = sqlite3_step(st) == SQLITE_ROW ? sqlite3_column_int64(st, 0) : -1;
-        sqlite3_finalize(st);
-        return v;
-    }
     void close() {
         if (m_db) sqlite3_close(m_db);
         m_db = nullptr;
     }
-    const QString& path() const { return m_path; }
 
 private:
-    QString m_path;
     sqlite3* m_db = nullptr;
 };
+
+// Copies the database and whatever lies beside it to folder/name, as an image would hold them.
+inline QString copyAside(const QString& db, const QString& folder, const QString& name = "db") {
+    QDir().mkpath(folder);
+    for (const char* suffix : {"", "-wal", "-journal"})
+        if (QFile::exists(db + suffix)) QFile::copy(db + suffix, folder + "/" + name + suffix);
+    return folder + "/" + name;
+}
+
+// The records recovered from table, searching the page versions view does not show too when given.
+inline QList<SQliteRecovery::Record> recoverRecords(const QString& path, const QString& table,
+                                                    SQliteLiveView* view = nullptr, bool held = true) {
+    SQliteDbUtil db;
+    EXPECT_TRUE(view ? view->load(db, path) : db.loadDb(path)) << path.toStdString();
+    SQliteRecovery recovery(db);
+    recovery.setLiveView(view);
+    EXPECT_TRUE(recovery.setTable(table)) << recovery.error().toStdString();
+    recovery.setHeldIncluded(held);
+    return recovery.recover();
+}
 
 // Beside folder/wal.db, its write-ahead log; beside folder/journal.db, the hot journal of a
 // transaction that never finished: both copied while the writer was still open.
@@ -92,15 +107,14 @@ inline void makeLogCopies(const QString& folder) {
         const QString db = scratch + "/" + kind + ".db";
         EngineDb w(db);
         w.exec(QString("PRAGMA page_size=1024; PRAGMA cache_size=2; PRAGMA secure_delete=OFF; PRAGMA "
-                       "journal_mode=%1; "
-                       "PRAGMA wal_autocheckpoint=0; CREATE TABLE m (id INTEGER PRIMARY KEY, body TEXT);")
+                       "journal_mode=%1; PRAGMA wal_autocheckpoint=0; "
+                       "CREATE TABLE m (id INTEGER PRIMARY KEY, body TEXT, n INTEGER);")
                    .arg(kind == QString("wal") ? "WAL" : "DELETE"));
         w.exec("WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 200) "
-               "INSERT INTO m SELECT i, printf('message %d', i) FROM n");
+               "INSERT INTO m SELECT i, printf('message %d', i), i FROM n");
         w.exec(kind == QString("wal") ? "DELETE FROM m WHERE id % 4 = 0"
                                       : "BEGIN; DELETE FROM m WHERE id % 4 = 0;");
-        for (const char* suffix : {"", "-wal", "-journal"})
-            QFile::copy(db + suffix, folder + "/" + kind + ".db" + suffix);
+        copyAside(db, folder, QString(kind) + ".db");
     }
     QDir(scratch).removeRecursively();
 }

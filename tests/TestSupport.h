@@ -5,9 +5,11 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QRandomGenerator>
 #include <QStringList>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QVector>
 #include <QtGlobal>
 
 #include <gtest/gtest.h>
@@ -41,6 +43,13 @@ inline QString writeFile(const QString& path, const QByteArray& bytes) {
 
 inline QString writeFile(const QTemporaryDir& dir, const QString& name, const QByteArray& bytes) {
     return writeFile(dir.filePath(name), bytes);
+}
+
+// size bytes from a generator seeded with seed: the same for the same seed, and incompressible.
+inline QByteArray randomBytes(int size, quint32 seed) {
+    QVector<quint32> words((size + 3) / 4);
+    QRandomGenerator(seed).fillRange(words.data(), words.size());
+    return QByteArray(reinterpret_cast<const char*>(words.constData()), size);
 }
 
 // data deflated by zlib itself at its default level, independently of the code under test; window

@@ -3,15 +3,7 @@
 #include "OSUtils.h"
 #include "TestSupport.h"
 
-#include <QRandomGenerator>
-
 namespace {
-
-QByteArray randomBytes(int size, quint32 seed) {
-    QVector<quint32> words((size + 3) / 4);
-    QRandomGenerator(seed).fillRange(words.data(), words.size());
-    return QByteArray(reinterpret_cast<const char*>(words.constData()), size);
-}
 
 QByteArray text(int size) {
     return QByteArray("line of a chat log ").repeated(size / 19 + 1).left(size);

@@ -175,7 +175,11 @@ TEST_F(ReadOnly, ToolCommands) {
         {{"tables", "chat.db"}, 0, "2 free-list pages"},
         {{"rows", "chat.db", "message"}, 0, ""},
         {{"recover", "chat.db", "message", "iissii", "--raw", "--with-header", "--free-list"}, 0, ""},
-        {{"recover", "chat.db", "message", "--all", "--csv"}, 0, "page,offset,region,version,verdict"},
+        {{"recover", "chat.db", "message", "--all", "--csv"},
+         0,
+         "page,offset,region,version,verdict,reasons,rowid,overflow,id,chat_id,sender,body,sent_at,"
+         "is_from_me\r\n"},
+        {{"recover", "chat.db", "message", "--all", "--csv"}, 0, ",held,live,"},
         {{"freelist", "chat.db", "is"}, 0, "free-list pages: [11,12]"},
         {{"tables", "wal.db"}, 0, "columns: id, body", 1},
         {{"rows", "journal.db", "m"}, 0, "(200 rows)", 1},

@@ -86,15 +86,6 @@ void expectSameRecords(const QList<QList<QVariant>>& actual, const QList<QList<Q
     }
 }
 
-QByteArray pseudoRandomBytes(int n, quint32 seed) {
-    QByteArray b(n, '\0');
-    for (int i = 0; i < n; ++i) {
-        seed = seed * 1103515245u + 12345u;
-        b[i] = char(seed >> 16);
-    }
-    return b;
-}
-
 QString textOfLength(int n, int salt) {
     static const QString alphabet = QString::fromUtf8("abcdefghij KLMNOP é中ü—");
     QString s;
@@ -142,7 +133,7 @@ TEST_P(EngineComparison, LiveRowsMatchTheEngine) {
                               sqlite3_bind_null(st, 4);
                           else
                               sqlite3_bind_text(st, 4, text.constData(), text.size(), SQLITE_TRANSIENT);
-                          const QByteArray blob = pseudoRandomBytes(lengths[(i + 3) % 7], quint32(i));
+                          const QByteArray blob = randomBytes(lengths[(i + 3) % 7], quint32(i));
                           sqlite3_bind_blob(st, 5, blob.constData(), blob.size(), SQLITE_TRANSIENT);
                           if (i % 2)
                               sqlite3_bind_null(st, 6);

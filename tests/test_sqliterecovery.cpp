@@ -17,15 +17,6 @@ namespace {
 
 using Records = QList<SQliteRecovery::Record>;
 
-Records recoverAll(const QString& path, const QString& table, bool held = true) {
-    SQliteDbUtil db;
-    EXPECT_TRUE(db.loadDb(path));
-    SQliteRecovery recovery(db);
-    EXPECT_TRUE(recovery.setTable(table)) << recovery.error().toStdString();
-    recovery.setHeldIncluded(held);
-    return recovery.recover();
-}
-
 QByteArray cell(qint64 rowid, const QByteArray& types, const QByteArray& values) {
     const QByteArray record = char(types.size() + 1) + types + values;
     return QByteArray(1, char(record.size())) + char(rowid) + record;
@@ -39,7 +30,7 @@ QByteArray be64(double v) {
 
 } // namespace
 
-TEST(RecoverySchema, PatternsFollowTheDeclaredTypes) {
+TEST(SQliteRecoverySchema, PatternsFollowTheDeclaredTypes) {
     QTemporaryDir dir;
     const QString path = dir.filePath("schema.db");
     {
@@ -77,7 +68,7 @@ TEST(RecoverySchema, PatternsFollowTheDeclaredTypes) {
     EXPECT_EQ(a.rowidAlias(), 0);
 }
 
-TEST(Recovery, RowsTheEngineDeletedComeBackWholeAndExact) {
+TEST(SQliteRecovery, RowsTheEngineDeletedComeBackWholeAndExact) {
     QTemporaryDir dir;
     const QString path = dir.filePath("chat.db");
     QMap<qint64, QList<QVariant>> deleted;
@@ -115,7 +106,7 @@ TEST(Recovery, RowsTheEngineDeletedComeBackWholeAndExact) {
     QSet<qint64> found;
     int recovered = 0;
     const QByteArray file = readFile(path);
-    for (const SQliteRecovery::Record& r : recoverAll(path, "m")) {
+    for (const SQliteRecovery::Record& r : recoverRecords(path, "m")) {
         if (r.verdict == SQliteRecovery::Held) {
             // Whatever is held back is no deleted row, or one already reported.
             EXPECT_TRUE(r.reasons.contains(SQliteRecovery::kDuplicate) ||
@@ -144,7 +135,7 @@ TEST(Recovery, RowsTheEngineDeletedComeBackWholeAndExact) {
     EXPECT_GE(found.size(), deleted.size() * 9 / 10) << found.size() << " of " << deleted.size();
 }
 
-TEST(Recovery, OverflowChainsAreReassembledOrReportedPartial) {
+TEST(SQliteRecovery, OverflowChainsAreReassembledOrReportedPartial) {
     QTemporaryDir dir;
     const QString path = dir.filePath("long.db");
     const QString longText = QString("start ") + QString(5000, QChar('x')) + " end";
@@ -165,7 +156,7 @@ TEST(Recovery, OverflowChainsAreReassembledOrReportedPartial) {
         db.exec(QString("CREATE TABLE u (x); INSERT INTO u VALUES ('%1')").arg(QString(3000, QChar('y'))));
     }
     for (const QString& p : {path, copy}) {
-        const Records records = recoverAll(p, "t", false);
+        const Records records = recoverRecords(p, "t", nullptr, false);
         ASSERT_EQ(records.size(), 1) << p.toStdString();
         const SQliteRecovery::Record& r = records.first();
         const QString body = r.values.at(1).toString();
@@ -183,7 +174,7 @@ TEST(Recovery, OverflowChainsAreReassembledOrReportedPartial) {
     }
 }
 
-TEST(Recovery, CandidatesAreHeldBackForEachReason) {
+TEST(SQliteRecovery, CandidatesAreHeldBackForEachReason) {
     QTemporaryDir dir;
     const QString base = dir.filePath("base.db");
     {
@@ -232,7 +223,7 @@ TEST(Recovery, CandidatesAreHeldBackForEachReason) {
         const int second = c.at200.isEmpty() ? 990 : 400; // a cell at 990 runs into the one at the page's end
         patch(path, 1024, 2, 200, c.at200);
         patch(path, 1024, 2, second, c.at400);
-        const Records records = recoverAll(path, "t");
+        const Records records = recoverRecords(path, "t");
         const int offset = c.at400.isEmpty() ? 200 : second;
         const SQliteRecovery::Record* r = nullptr;
         for (const SQliteRecovery::Record& x :
@@ -255,7 +246,7 @@ TEST(Recovery, CandidatesAreHeldBackForEachReason) {
     patch(path, 1024, 2, 1, be16(600));
     patch(path, 1024, 2, 600, be16(0) + be16(4 + rest.size()) + rest);
     patch(path, 1024, 2, 5, be16(500)); // the cell content area starts before it
-    const Records records = recoverAll(path, "t");
+    const Records records = recoverRecords(path, "t");
     ASSERT_EQ(records.size(), 1);
     EXPECT_EQ(records.first().region, SQliteRecovery::Freeblock);
     EXPECT_EQ(records.first().offset, 604);
