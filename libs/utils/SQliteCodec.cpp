@@ -173,7 +173,7 @@ SQliteCodec::Pattern::Pattern(const QString& pattern, bool extended) : m_codes(s
 }
 
 // Bit i: the serial type of the varint at p + i is not refused on sight by letter index (the
-// test one lane at a time, for builds without the vector instructions).
+// test one lane at a time, for letters or builds without the vector test).
 quint32 SQliteCodec::Pattern::types16(const uchar* p, int index) const {
     const quint32 parity = m_large[size_t(index)];
     const bool oddOk = parity & 2, evenOk = parity & 1;
@@ -228,70 +228,50 @@ quint32 SQliteCodec::Pattern::open16(const uchar* p, int index, int shift, quint
 #endif
 
 quint32 SQliteCodec::Pattern::candidates16(const uchar* p, bool withHeader) const {
+    // The bits of the 32 bytes at p, worked out once: top bit set (the varint goes on) and, for
+    // the vector test, low bit set and equal to 0x80.
+    quint32 high = 0, odd = 0, is80 = 0;
 #if defined(__SSE2__)
+    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16));
+    const __m128i one = _mm_set1_epi8(1), x80 = _mm_set1_epi8(char(0x80));
+    auto bits = [](__m128i x, __m128i y) {
+        return quint32(_mm_movemask_epi8(x)) | quint32(_mm_movemask_epi8(y)) << 16;
+    };
+    high = bits(a, b);
     if (m_vector) {
-        // The bits of the 32 bytes at p once; every letter reads its serial types from them.
-        const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-        const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16));
-        const __m128i one = _mm_set1_epi8(1), x80 = _mm_set1_epi8(char(0x80));
-        auto bits = [&](__m128i x, __m128i y) {
-            return quint32(_mm_movemask_epi8(x)) | quint32(_mm_movemask_epi8(y)) << 16;
-        };
-        const quint32 high = bits(a, b);
-        const quint32 odd =
-            bits(_mm_cmpeq_epi8(_mm_and_si128(a, one), one), _mm_cmpeq_epi8(_mm_and_si128(b, one), one));
-        const quint32 is80 = bits(_mm_cmpeq_epi8(a, x80), _mm_cmpeq_epi8(b, x80));
-        if (!withHeader) {
-            quint32 open = open16(p, 0, 0, high, odd, is80);
-            quint32 shortSoFar = 0xFFFF; // the serial types before letter k were one byte each
-            for (int k = 1; k < 4 && k < size() && open; ++k) {
-                shortSoFar &= ~(high >> (k - 1));
-                open &= (~shortSoFar & 0xFFFF) | open16(p, k, k, high, odd, is80);
-            }
-            return open;
-        }
-        const quint32 h0 = high, h1 = high >> 1, h2 = high >> 2, h3 = high >> 3;
-        const quint32 at2 = ~h0 & ~h1 & 0xFFFF;
-        const quint32 at3 = ((h0 & ~h1 & ~h2) | (~h0 & h1 & ~h2)) & 0xFFFF;
-        const quint32 at4 = ((h0 & ~h1 & h2) | (h0 & h1 & ~h2) | (~h0 & h1 & h2)) & ~h3 & 0xFFFF;
-        const quint32 longer = ~(at2 | at3 | at4) & 0xFFFF;
-        return longer | (at2 & open16(p, 0, 2, high, odd, is80)) | (at3 & open16(p, 0, 3, high, odd, is80)) |
-               (at4 & open16(p, 0, 4, high, odd, is80));
+        odd = bits(_mm_cmpeq_epi8(_mm_and_si128(a, one), one), _mm_cmpeq_epi8(_mm_and_si128(b, one), one));
+        is80 = bits(_mm_cmpeq_epi8(a, x80), _mm_cmpeq_epi8(b, x80));
     }
+#else
+    for (int i = 0; i < 32; ++i)
+        high |= quint32(p[i] >> 7) << i;
 #endif
+    // Bit i: the serial type at p + shift + i is not refused on sight by letter index.
+    auto types = [&](int index, int shift) {
+#if defined(__SSE2__)
+        if (m_vector) return open16(p, index, shift, high, odd, is80);
+#endif
+        return types16(p + shift, index);
+    };
     if (!withHeader) {
-        quint32 open = types16(p, 0);
+        quint32 open = types(0, 0);
         quint32 shortSoFar = 0xFFFF; // the serial types before letter k were one byte each
         for (int k = 1; k < 4 && k < size() && open; ++k) {
-            quint32 highs = 0;
-#if defined(__SSE2__)
-            highs = quint32(_mm_movemask_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + k - 1))));
-#else
-            for (int i = 0; i < 16; ++i)
-                highs |= quint32(p[i + k - 1] >> 7) << i;
-#endif
-            shortSoFar &= ~highs;
-            open &= (~shortSoFar & 0xFFFF) | types16(p + k, k);
+            shortSoFar &= ~(high >> (k - 1));
+            open &= (~shortSoFar & 0xFFFF) | types(k, k);
         }
         return open;
     }
     // The first serial type follows the rowid and the header size: at p + 2 when both are one
     // byte, at p + 3 or p + 4 when they take three or four bytes together. Longer ones leave
     // the candidate open.
-    quint32 h[4] = {0, 0, 0, 0}; // bit i: byte p + k + i has its top bit set (the varint goes on)
-    for (int k = 0; k < 4; ++k) {
-#if defined(__SSE2__)
-        h[k] = quint32(_mm_movemask_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + k))));
-#else
-        for (int i = 0; i < 16; ++i)
-            h[k] |= quint32(p[i + k] >> 7) << i;
-#endif
-    }
-    const quint32 at2 = ~h[0] & ~h[1] & 0xFFFF;
-    const quint32 at3 = (h[0] & ~h[1] & ~h[2]) | (~h[0] & h[1] & ~h[2]);
-    const quint32 at4 = ((h[0] & ~h[1] & h[2]) | (h[0] & h[1] & ~h[2]) | (~h[0] & h[1] & h[2])) & ~h[3];
+    const quint32 h0 = high, h1 = high >> 1, h2 = high >> 2, h3 = high >> 3;
+    const quint32 at2 = ~h0 & ~h1 & 0xFFFF;
+    const quint32 at3 = ((h0 & ~h1 & ~h2) | (~h0 & h1 & ~h2)) & 0xFFFF;
+    const quint32 at4 = ((h0 & ~h1 & h2) | (h0 & h1 & ~h2) | (~h0 & h1 & h2)) & ~h3 & 0xFFFF;
     const quint32 longer = ~(at2 | at3 | at4) & 0xFFFF;
-    return longer | (at2 & types16(p + 2, 0)) | (at3 & types16(p + 3, 0)) | (at4 & types16(p + 4, 0));
+    return longer | (at2 & types(0, 2)) | (at3 & types(0, 3)) | (at4 & types(0, 4));
 }
 
 bool SQliteCodec::letterAccepts(ushort code, int serialType) {
