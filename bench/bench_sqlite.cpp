@@ -47,7 +47,8 @@ void BM_FetchRecordsInTable(benchmark::State& state) {
     SQliteDbUtil reader;
     reader.loadDb(database());
     qint64 rows = 0;
-    for (auto _ : state) rows += reader.fetchRecordsInTable("message").size();
+    for (auto _ : state)
+        rows += reader.fetchRecordsInTable("message").size();
     state.counters["rows/s"] = benchmark::Counter(double(rows), benchmark::Counter::kIsRate);
 }
 BENCHMARK(BM_FetchRecordsInTable)->Unit(benchmark::kMillisecond);
@@ -55,7 +56,8 @@ BENCHMARK(BM_FetchRecordsInTable)->Unit(benchmark::kMillisecond);
 void BM_SearchLostRecord(benchmark::State& state) {
     SQliteDbUtil reader;
     reader.loadDb(database());
-    for (auto _ : state) benchmark::DoNotOptimize(reader.searchLostRecord("message", "nisi", false));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(reader.searchLostRecord("message", "nisi", false));
 }
 BENCHMARK(BM_SearchLostRecord)->Unit(benchmark::kMillisecond);
 
