@@ -3,9 +3,13 @@
 #include "ByteCursor.h"
 #include "SQliteCodec.h"
 #include "SQliteDbUtil.h"
+#include "SQliteFormat.h"
 #include "SQliteLiveView.h"
 #include "SQliteScanner.h"
+#include "SQliteSchema.h"
 #include "SQliteSource.h"
+#include "SQliteTableReader.h"
+#include "SQliteValue.h"
 
 #include <QHash>
 #include <QRegularExpression>
@@ -28,189 +32,25 @@ const QString SQliteRecovery::kSuperseded = QStringLiteral("superseded");
 
 namespace {
 
-enum Affinity { IntegerAffinity, TextAffinity, BlobAffinity, RealAffinity, NumericAffinity };
-
-struct Column {
-    QString name;
-    QString type;
-    Affinity affinity = BlobAffinity;
-};
-
-// SQLite's rules, in their order: INT, then CHAR, CLOB or TEXT, then BLOB or no type, then
-// REAL, FLOA or DOUB; anything else is NUMERIC.
-Affinity affinityOf(const QString& declared) {
-    const QString t = declared.toUpper();
-    if (t.contains("INT")) return IntegerAffinity;
-    if (t.contains("CHAR") || t.contains("CLOB") || t.contains("TEXT")) return TextAffinity;
-    if (t.contains("BLOB") || t.trimmed().isEmpty()) return BlobAffinity;
-    if (t.contains("REAL") || t.contains("FLOA") || t.contains("DOUB")) return RealAffinity;
-    return NumericAffinity;
-}
-
-QString unquote(QString word) {
-    if (word.size() >= 2) {
-        const QChar a = word.front(), b = word.back();
-        if ((a == '"' && b == '"') || (a == '`' && b == '`') || (a == '[' && b == ']') ||
-            (a == '\'' && b == '\''))
-            return word.mid(1, word.size() - 2);
-    }
-    return word;
-}
-
-// Words of a column definition or table constraint: names (quoted or not), parenthesised
-// groups kept whole, punctuation dropped.
-QStringList words(const QString& text) {
-    QStringList out;
-    int i = 0;
-    const int n = text.size();
-    while (i < n) {
-        const QChar c = text.at(i);
-        if (c.isSpace()) {
-            ++i;
-            continue;
-        }
-        int j = i + 1;
-        if (c == '"' || c == '`' || c == '\'' || c == '[') {
-            const QChar close = c == '[' ? QChar(']') : c;
-            while (j < n && text.at(j) != close)
-                ++j;
-            j = std::min(n, j + 1);
-        } else if (c == '(') {
-            int depth = 1;
-            while (j < n && depth > 0) {
-                depth += text.at(j) == '(' ? 1 : text.at(j) == ')' ? -1 : 0;
-                ++j;
-            }
-        } else {
-            while (j < n && !text.at(j).isSpace() && text.at(j) != '(')
-                ++j;
-        }
-        out << text.mid(i, j - i);
-        i = j;
-    }
-    return out;
-}
-
-// The parts of a CREATE TABLE statement's body, split at the commas outside brackets and quotes.
-bool tableBody(const QString& sql, QStringList* parts, QString* tail) {
-    int open = -1;
-    QChar quote;
-    for (int i = 0; i < sql.size(); ++i) {
-        const QChar c = sql.at(i);
-        if (!quote.isNull()) {
-            if (c == quote) quote = QChar();
-        } else if (c == '"' || c == '`' || c == '\'') {
-            quote = c;
-        } else if (c == '[') {
-            quote = ']';
-        } else if (c == '(') {
-            open = i;
-            break;
-        }
-    }
-    if (open < 0) return false;
-    int depth = 0, start = open + 1;
-    quote = QChar();
-    for (int i = open; i < sql.size(); ++i) {
-        const QChar c = sql.at(i);
-        if (!quote.isNull()) {
-            if (c == quote) quote = QChar();
-            continue;
-        }
-        if (c == '"' || c == '`' || c == '\'') {
-            quote = c;
-        } else if (c == '[') {
-            quote = ']';
-        } else if (c == '(') {
-            ++depth;
-        } else if (c == ')') {
-            if (--depth == 0) {
-                *parts << sql.mid(start, i - start).trimmed();
-                *tail = sql.mid(i + 1);
-                return true;
-            }
-        } else if (c == ',' && depth == 1) {
-            *parts << sql.mid(start, i - start).trimmed();
-            start = i + 1;
-        }
-    }
-    return false;
-}
-
-const QStringList kConstraintWords = {"CONSTRAINT", "PRIMARY", "NOT",        "NULL",      "UNIQUE", "CHECK",
-                                      "DEFAULT",    "COLLATE", "REFERENCES", "GENERATED", "AS"};
-const QStringList kTableConstraints = {"CONSTRAINT", "PRIMARY", "UNIQUE", "CHECK", "FOREIGN"};
+using Affinity = SQliteSchema::Affinity;
+constexpr Affinity IntegerAffinity = SQliteSchema::IntegerAffinity, TextAffinity = SQliteSchema::TextAffinity,
+                   RealAffinity = SQliteSchema::RealAffinity, NumericAffinity = SQliteSchema::NumericAffinity;
+using Column = SQliteSchema::Column;
 
 // A varint read from memory, bounded: false when it runs past end.
 bool varint(const uchar* data, qint64 pos, qint64 end, qint64* value, int* len) {
-    quint64 v = 0;
-    for (int n = 0; n < 9; ++n) {
-        if (pos + n >= end) return false;
-        const uchar b = data[pos + n];
-        if (n == 8) {
-            v = (v << 8) | b;
-            *value = qint64(v);
-            *len = 9;
-            return true;
-        }
-        v = (v << 7) | (b & 0x7F);
-        if (!(b & 0x80)) {
-            *value = qint64(v);
-            *len = n + 1;
-            return true;
-        }
-    }
-    return false;
+    if (pos >= end) return false;
+    const sqlitefmt::Varint v = sqlitefmt::readVarint(data + pos, end - pos);
+    *value = qint64(v.value);
+    *len = v.length;
+    return v.complete;
 }
 
-qint64 signExtend(quint64 v, int bytes) {
-    const int shift = 64 - 8 * bytes;
-    return qint64(v << shift) >> shift;
-}
-
-// One value as SQLite stores it; bytes holds at least SQliteCodec::valueLength(type) bytes.
+// One value as SQLite stores it; p holds at least valueLength(type) bytes.
 QVariant storedValue(const uchar* p, qint64 type, qint32 encoding) {
-    auto be = [p](int n) {
-        quint64 v = 0;
-        for (int i = 0; i < n; ++i)
-            v = (v << 8) | p[i];
-        return v;
-    };
-    switch (type) {
-    case 0:
-        return QVariant();
-    case 1:
-    case 2:
-    case 3:
-    case 4:
-        return QVariant(qlonglong(signExtend(be(int(type)), int(type))));
-    case 5:
-        return QVariant(qlonglong(signExtend(be(6), 6)));
-    case 6:
-        return QVariant(qlonglong(be(8)));
-    case 7: {
-        const quint64 bits = be(8);
-        double v;
-        std::memcpy(&v, &bits, sizeof v);
-        return QVariant(v);
-    }
-    case 8:
-        return QVariant(qlonglong(0));
-    case 9:
-        return QVariant(qlonglong(1));
-    default:
-        break;
-    }
-    const int n = int(SQliteCodec::valueLength(type));
-    if (type % 2 == 0) return QVariant(QByteArray(reinterpret_cast<const char*>(p), n));
-    if (encoding == 2 || encoding == 3) {
-        QString s(n / 2, Qt::Uninitialized);
-        for (int i = 0; i < n / 2; ++i)
-            s[i] = QChar(encoding == 2 ? ushort(p[2 * i] | (p[2 * i + 1] << 8))
-                                       : ushort((p[2 * i] << 8) | p[2 * i + 1]));
-        return QVariant(s);
-    }
-    return QVariant(QString::fromUtf8(reinterpret_cast<const char*>(p), n));
+    SQliteValue v;
+    SQliteCodec::stored(type, p, sqlitefmt::valueLength(type), encoding, &v);
+    return v.toVariant();
 }
 
 // Strict UTF-8: no overlong forms, surrogates or code points past U+10FFFF.
@@ -346,7 +186,9 @@ struct SQliteRecovery::Private {
 
     SQliteDbUtil& db;
     QString error, table, pattern;
-    std::vector<Column> columns;
+    SQliteSchema::Table schema;
+    qint64 rootPage = 0;
+    std::vector<Column> columns; // those a record holds, in its order
     int alias = -1;
     bool freePages = true;
     bool includeHeld = false;
@@ -463,7 +305,7 @@ QStringList SQliteRecovery::columnNames() const {
 QStringList SQliteRecovery::declaredTypes() const {
     QStringList types;
     for (const Column& c : d->columns)
-        types << c.type;
+        types << c.declaredType;
     return types;
 }
 
@@ -496,68 +338,35 @@ QString SQliteRecovery::overflowName(Overflow overflow) {
 bool SQliteRecovery::Private::readSchema() {
     columns.clear();
     alias = -1;
-    QString sql;
-    for (const QList<QVariant>& row : db.fetchRecordsInTable(QStringLiteral("sqlite_master")))
-        if (row.size() == 6 && row.at(1).toString() == QLatin1String("table") &&
-            row.at(2).toString() == table)
-            sql = row.at(5).toString();
-    QStringList parts;
-    QString tail;
-    if (sql.isEmpty() || !tableBody(sql, &parts, &tail)) {
+    SQliteSchema::Table parsed;
+    bool found = false;
+    for (const SQliteSchema::Object& o : SQliteSchema::read(db))
+        if (o.type == QLatin1String("table") && o.name == table) {
+            parsed = o.table;
+            rootPage = o.rootPage;
+            found = true;
+        }
+    if (!found) {
+        error = QString("no table named '%1'").arg(table);
+        return false;
+    }
+    if (!parsed.ok || parsed.isVirtual) {
         error = QString("cannot read the statement that created table '%1'").arg(table);
         return false;
     }
-    if (tail.toUpper().contains(QRegularExpression("WITHOUT\\s+ROWID"))) {
+    if (parsed.withoutRowid) {
         error = QString("table '%1' has no rowid: its rows are kept in an index b-tree").arg(table);
         return false;
     }
-    int primaryKeys = 0;
-    QString keyColumn;
-    bool keyDescending = false;
-    for (const QString& part : parts) {
-        const QStringList w = words(part);
-        if (w.isEmpty()) continue;
-        const QString first = w.first().toUpper();
-        if (kTableConstraints.contains(first)) {
-            const int at = w.indexOf(QRegularExpression("(?i)KEY"));
-            if (first == "PRIMARY" || (first == "CONSTRAINT" && w.contains("PRIMARY", Qt::CaseInsensitive))) {
-                if (at >= 0 && at + 1 < w.size()) {
-                    const QString list = w.at(at + 1);
-                    const QStringList keys = list.mid(1, list.size() - 2).split(',');
-                    primaryKeys += keys.size();
-                    if (keys.size() == 1) {
-                        const QStringList key = words(keys.first());
-                        keyColumn = key.isEmpty() ? QString() : unquote(key.first());
-                        keyDescending = key.contains("DESC", Qt::CaseInsensitive);
-                    }
-                }
-            }
-            continue;
+    schema = parsed;
+    // A record holds the columns that are stored, in their order.
+    for (int i = 0; i < parsed.columns.size(); ++i)
+        if (parsed.columns.at(i).storage >= 0) {
+            if (i == parsed.rowidAlias) alias = int(columns.size());
+            columns.push_back(parsed.columns.at(i));
         }
-        Column column;
-        column.name = unquote(w.first());
-        int i = 1;
-        QStringList type;
-        while (i < w.size() && !kConstraintWords.contains(w.at(i).toUpper()))
-            type << w.at(i++);
-        column.type = type.join(' ').replace(" (", "(");
-        column.affinity = affinityOf(column.type);
-        for (; i + 1 < w.size(); ++i) {
-            if (w.at(i).toUpper() == "PRIMARY" && w.at(i + 1).toUpper() == "KEY") {
-                ++primaryKeys;
-                keyColumn = column.name;
-                keyDescending = i + 2 < w.size() && w.at(i + 2).toUpper() == "DESC";
-            }
-        }
-        columns.push_back(column);
-    }
-    // A single-column key of type INTEGER is the rowid (INTEGER PRIMARY KEY DESC is not).
-    if (primaryKeys == 1) {
-        for (size_t i = 0; i < columns.size(); ++i)
-            if (columns[i].name.compare(keyColumn, Qt::CaseInsensitive) == 0 &&
-                columns[i].type.toUpper() == QLatin1String("INTEGER") && !keyDescending)
-                alias = int(i);
-    }
+    std::stable_sort(columns.begin(), columns.end(),
+                     [](const Column& a, const Column& b) { return a.storage < b.storage; });
     if (columns.empty()) {
         error = QString("table '%1' declares no columns").arg(table);
         return false;
@@ -568,7 +377,7 @@ bool SQliteRecovery::Private::readSchema() {
 bool SQliteRecovery::setTable(const QString& name, const QString& givenPattern) {
     d->error.clear();
     d->table = name;
-    if (!d->db.tables.contains(name) || name == QLatin1String("sqlite_master")) {
+    if (name == QLatin1String("sqlite_master")) {
         d->error = QString("no table named '%1'").arg(name);
         return false;
     }
@@ -611,35 +420,33 @@ bool SQliteRecovery::setTable(const QString& name, const QString& givenPattern) 
     return true;
 }
 
-// The live rows, by their stored values with and without their rowid.
+// The live rows, by their values with and without their rowid, as the engine reads them.
 bool SQliteRecovery::Private::loadLive() {
     liveWithRowid.clear();
     liveValues.clear();
     liveAllButOne.clear();
     liveRowids.clear();
-    const qint32 encoding = db.header.textEncoding;
     const int n = int(columns.size());
-    const bool complete =
-        SQliteScanner(db).forEachRecordView(table, [&](const SQliteScanner::RecordView& view) {
-            QList<QVariant> values;
-            values.reserve(n);
-            for (int i = 0; i < n; ++i) {
-                const qint64 type = i < view.size() ? view.serialType(i) : 0;
-                qint64 len = 0;
-                const uchar* p = i < view.size() ? view.bytes(i, &len) : nullptr;
-                values.append(p && len >= SQliteCodec::valueLength(type) && type != 10 && type != 11
-                                  ? columnValue(i, storedValue(p, type, encoding))
-                                  : QVariant());
-            }
-            const qint64 rowid = view.rowid();
-            liveRowids.insert(quint64(rowid));
-            liveWithRowid.insert(valuesKey(values, alias, &rowid));
-            liveValues.insert(valuesKey(values, alias, nullptr));
-            if (nearMatches())
-                for (int i = 0; i < n; ++i)
-                    if (i != alias) liveAllButOne.insert(allButOneKey(values, i));
-            return true;
-        });
+    // Declared position of each stored column.
+    std::vector<int> declared;
+    for (const Column& c : columns)
+        declared.push_back(schema.columnIndex(c.name));
+    SQliteTableReader reader(db);
+    reader.setTable(schema, rootPage);
+    const bool complete = reader.forEachRow([&](const SQliteTableReader::Row& row) {
+        QList<QVariant> values;
+        values.reserve(n);
+        for (int i = 0; i < n; ++i)
+            values.append(i == alias ? QVariant() : row.value(declared[size_t(i)]).toVariant());
+        const qint64 rowid = row.rowid();
+        liveRowids.insert(quint64(rowid));
+        liveWithRowid.insert(valuesKey(values, alias, &rowid));
+        liveValues.insert(valuesKey(values, alias, nullptr));
+        if (nearMatches())
+            for (int i = 0; i < n; ++i)
+                if (i != alias) liveAllButOne.insert(allButOneKey(values, i));
+        return true;
+    });
     for (KeySet* set : {&liveWithRowid, &liveValues, &liveAllButOne, &liveRowids})
         set->freeze();
     return complete;
@@ -717,7 +524,7 @@ bool SQliteRecovery::Private::headerAt(const uchar* data, qint64 pos, qint64 are
     c.valuesAt = pos + headerSize;
     c.length = headerSize;
     for (qint64 t : c.types)
-        c.length += SQliteCodec::valueLength(t);
+        c.length += sqlitefmt::valueLength(t);
     // The cell's payload length and rowid, when they survive right in front of the header.
     c.cellStart = -1;
     for (int rowidLen = 1; rowidLen <= 9 && c.cellStart < 0; ++rowidLen) {
@@ -751,7 +558,7 @@ bool SQliteRecovery::Private::lostHeaderAt(const uchar* data, qint64 pos, qint64
     c.valuesAt = pos + consumed;
     c.length = c.headerSize;
     for (qint64 t : c.types)
-        c.length += SQliteCodec::valueLength(t);
+        c.length += sqlitefmt::valueLength(t);
     return true;
 }
 
@@ -763,7 +570,7 @@ void SQliteRecovery::Private::finish(const uchar* data, qint64 areaEnd, const Ca
     // The payload starts with the record's header, which for a record whose header was
     // overwritten lay headerSize bytes before its values all the same.
     const qint64 payloadStart = c.valuesAt - c.headerSize;
-    const qint64 local = SQliteCodec::localPayload(c.length, usable);
+    const qint64 local = sqlitefmt::localPayload(c.length, usable);
     qint64 localEnd = payloadStart + local;
     QByteArray values;
     bool layoutOk = true;
@@ -814,7 +621,7 @@ void SQliteRecovery::Private::finish(const uchar* data, qint64 areaEnd, const Ca
     textOk = true;
     for (size_t i = 0; i < c.types.size(); ++i) {
         const qint64 type = c.types[i];
-        const qint64 len = SQliteCodec::valueLength(type);
+        const qint64 len = sqlitefmt::valueLength(type);
         if (type == 10 || type == 11) layoutOk = false;
         if (at + len > values.size() || type == 10 || type == 11) {
             cut = cut || at + len > values.size();
@@ -1129,7 +936,7 @@ bool SQliteRecovery::forEach(const Callback& callback) {
     d->loadLive();
     d->loadFreeList();
     QList<QPair<int, bool>> todo; // page, free
-    for (int p : d->db.tables.value(d->table).pages)
+    for (int p : d->db.fetchTablePagesByRootPage(int(d->rootPage)))
         todo.append({p, false});
     if (d->freePages) {
         QSet<int> seen;
