@@ -173,10 +173,10 @@ private:
 };
 
 qint64 be32(const uchar* p) {
-    return qint64((quint32(p[0]) << 24) | (quint32(p[1]) << 16) | (quint32(p[2]) << 8) | p[3]);
+    return qint64(sqlitefmt::get32(p));
 }
-int be16(const uchar* p) {
-    return (p[0] << 8) | p[1];
+qint64 be16(const uchar* p) {
+    return qint64(sqlitefmt::get16(p));
 }
 
 } // namespace
@@ -457,19 +457,17 @@ void SQliteRecovery::Private::loadFreeList() {
     trunks.clear();
     for (int p : db.freeListPages)
         freeSet.insert(p);
-    SQliteSource& src = sqliteSource(db);
-    qint64 trunk = quint32(db.header.firstFreeListTrunk);
-    while (trunk > 0 && !trunks.contains(int(trunk)) && freeSet.contains(int(trunk))) {
-        trunks.insert(int(trunk));
-        ByteCursor c = src.cursor(pagePosition(quint32(pageSize), trunk), 4);
-        trunk = c.u32();
-    }
+    // The trunks: the pages of the chain that the reader listed.
+    sqliteio::walkFreeList(
+        sqliteSource(db), sqliteGeometry(db), quint32(db.header.firstFreeListTrunk),
+        [this](qint64 t) { return freeSet.contains(int(t)); },
+        [this](qint64 t, qint64, const std::vector<quint32>&) { trunks.insert(int(t)); });
 }
 
 QByteArray SQliteRecovery::Private::readPage(int pageNo) {
     SQliteSource& src = sqliteSource(db);
     qint64 got = 0;
-    const uchar* p = src.bytes(pagePosition(quint32(pageSize), pageNo), pageSize, &got);
+    const uchar* p = src.bytes(pagePosition(pageSize, pageNo), pageSize, &got);
     return QByteArray(reinterpret_cast<const char*>(p), int(got));
 }
 
@@ -654,7 +652,7 @@ void SQliteRecovery::Private::place(const Candidate& c, int pageNo, Region regio
     r.page = pageNo;
     r.region = region;
     r.offset = int(offset);
-    r.fileOffset = pagePosition(quint32(pageSize), pageNo) + offset;
+    r.fileOffset = pagePosition(pageSize, pageNo) + offset;
     if (alias >= 0 && alias < r.values.size())
         r.values[alias] = r.rowidKnown ? QVariant(r.rowid) : QVariant();
     check(c, r);
@@ -847,37 +845,43 @@ bool SQliteRecovery::Private::cellBoundary(const uchar* data, qint64 e, qint64 b
     return false;
 }
 
-// The freeblocks of a leaf page image whose header is at headerAt, as (offset, size) pairs.
+// The freeblocks of a leaf page image whose header is at headerAt, as (offset, size) pairs, as
+// long as each lies inside the page after from.
 void SQliteRecovery::Private::freeblockHeads(const uchar* data, qint64 headerAt, qint64 from,
                                              QVector<QPair<qint64, qint64>>* blocks) const {
-    qint64 offset = be16(data + headerAt + 1);
-    QSet<qint64> seen;
-    while (offset != 0 && !seen.contains(offset) && offset >= from && offset + 4 <= usable) {
-        seen.insert(offset);
-        const qint64 size = be16(data + offset + 2);
-        if (size < 4 || offset + size > usable) break;
-        blocks->append({offset, size});
-        offset = be16(data + offset);
-    }
+    using namespace sqlitefmt;
+    walkFreeblocks(
+        be16(data + headerAt + page::FirstFreeblock),
+        [&](qint64 offset, qint64* next, qint64* size) {
+            if (offset < from || offset + kFreeblockHeaderSize > usable) return false;
+            *next = be16(data + offset);
+            *size = be16(data + offset + 2);
+            return *size >= kFreeblockHeaderSize && offset + *size <= usable;
+        },
+        [&](qint64 offset, qint64, qint64 size) {
+            blocks->append({offset, size});
+            return true;
+        });
 }
 
 bool SQliteRecovery::Private::searchLeaf(const QByteArray& bytes, int pageNo, const Callback& callback) {
+    using namespace sqlitefmt;
     if (bytes.size() < usable) return true;
     const uchar* data = reinterpret_cast<const uchar*>(bytes.constData());
-    const qint64 header = pageNo == 1 ? 100 : 0;
-    if (data[header] != 13) return true;
-    const qint64 cells = be16(data + header + 3);
-    const qint64 gapStart = header + 8 + 2 * cells;
-    qint64 contentStart = be16(data + header + 5);
-    if (contentStart == 0) contentStart = 65536;
+    const qint64 header = btreeHeaderOffset(pageNo);
+    if (data[header] != TableLeaf) return true;
+    const qint64 cells = be16(data + header + page::CellCount);
+    const qint64 gapStart = header + kLeafHeaderSize + 2 * cells;
+    qint64 contentStart = be16(data + header + page::ContentStart);
+    if (contentStart == 0) contentStart = kLargestPage;
     contentStart = std::min(contentStart, usable);
     if (gapStart < contentStart && !searchArea(data, pageNo, Gap, gapStart, contentStart, {}, callback))
         return false;
     QVector<QPair<qint64, qint64>> blocks;
     freeblockHeads(data, header, gapStart, &blocks);
     for (const auto& block : blocks)
-        if (!searchArea(data, pageNo, Freeblock, block.first + 4, block.first + block.second,
-                        {block.first + 4}, callback))
+        if (!searchArea(data, pageNo, Freeblock, block.first + kFreeblockHeaderSize,
+                        block.first + block.second, {block.first + kFreeblockHeaderSize}, callback))
             return false;
     return true;
 }
@@ -886,15 +890,18 @@ bool SQliteRecovery::Private::searchFreePage(const QByteArray& bytes, int pageNo
                                              const Callback& callback) {
     if (bytes.size() < usable) return true;
     const uchar* data = reinterpret_cast<const uchar*>(bytes.constData());
+    using namespace sqlitefmt;
     qint64 start = 0;
-    if (trunk) start = std::min<qint64>(usable, 8 + 4 * std::min<qint64>(be32(data + 4), usable / 4));
+    if (trunk)
+        start = std::min<qint64>(usable, trunk::Leaves +
+                                             4 * std::min<qint64>(be32(data + trunk::LeafCount), usable / 4));
     // A page that was a table leaf keeps its old header: its freeblocks' first bytes are lost.
     QSet<qint64> heads;
-    if (start == 0 && data[0] == 13) {
+    if (start == 0 && data[0] == TableLeaf) {
         QVector<QPair<qint64, qint64>> blocks;
-        freeblockHeads(data, 0, 8, &blocks);
+        freeblockHeads(data, 0, kLeafHeaderSize, &blocks);
         for (const auto& block : blocks)
-            heads.insert(block.first + 4);
+            heads.insert(block.first + kFreeblockHeaderSize);
     }
     return searchArea(data, pageNo, FreePage, start, usable, heads, callback);
 }
@@ -904,23 +911,23 @@ bool SQliteRecovery::Private::searchFreePage(const QByteArray& bytes, int pageNo
 // differ from the live row's are earlier versions of it.
 bool SQliteRecovery::Private::searchCells(const QByteArray& bytes, int pageNo, const Callback& callback) {
     const uchar* data = reinterpret_cast<const uchar*>(bytes.constData());
-    const qint64 header = pageNo == 1 ? 100 : 0;
-    const qint64 cells = be16(data + header + 3);
+    const qint64 header = sqlitefmt::btreeHeaderOffset(pageNo);
     Candidate c;
-    for (qint64 i = 0; i < cells && header + 8 + 2 * i + 2 <= usable; ++i) {
-        const qint64 offset = be16(data + header + 8 + 2 * i);
-        if (offset < header + 8 || offset >= usable) continue;
+    bool going = true;
+    sqlitefmt::forEachCellPointer(data, usable, header, [&](int, qint64 offset) {
+        if (offset < header + sqlitefmt::kLeafHeaderSize || offset >= usable) return true;
         qint64 payload = 0, rowid = 0;
         int l1 = 0, l2 = 0;
         if (!varint(data, offset, usable, &payload, &l1) || !varint(data, offset + l1, usable, &rowid, &l2))
-            continue;
-        if (!headerAt(data, offset + l1 + l2, offset, usable, c) || c.cellStart != offset) continue;
+            return true;
+        if (!headerAt(data, offset + l1 + l2, offset, usable, c) || c.cellStart != offset) return true;
         Record r;
         finish(data, usable, c, r);
         place(c, pageNo, Cell, offset, r);
-        if (!report(r, callback)) return false;
-    }
-    return true;
+        going = report(r, callback);
+        return going;
+    });
+    return going;
 }
 
 bool SQliteRecovery::forEach(const Callback& callback) {
@@ -930,8 +937,9 @@ bool SQliteRecovery::forEach(const Callback& callback) {
     d->claimed.clear();
     d->usedKnown = false;
     if (d->columns.empty() || !d->compiled) return true;
-    d->pageSize = d->db.header.pageSize;
-    d->usable = d->pageSize - d->db.header.reservedSpace;
+    const sqlitefmt::Geometry g = sqliteGeometry(d->db);
+    d->pageSize = g.pageSize;
+    d->usable = g.usable;
     if (d->usable < 480) return true; // no valid database has pages this small
     d->loadLive();
     d->loadFreeList();
@@ -966,11 +974,11 @@ bool SQliteRecovery::forEach(const Callback& callback) {
         d->version = v.describe();
         const QByteArray bytes = d->view->pageData(v);
         if (bytes.size() >= d->usable) {
-            const uchar type = uchar(bytes.at(v.page == 1 ? 100 : 0));
+            const uchar type = uchar(bytes.at(int(sqlitefmt::btreeHeaderOffset(v.page))));
             bool ok = true;
-            if (type == 13)
+            if (type == sqlitefmt::TableLeaf)
                 ok = d->searchCells(bytes, v.page, callback) && d->searchLeaf(bytes, v.page, callback);
-            else if (type != 2 && type != 5 && type != 10)
+            else if (!sqlitefmt::isBtreePage(type))
                 ok = d->searchFreePage(bytes, v.page, false, callback);
             if (!ok) return false;
         }
