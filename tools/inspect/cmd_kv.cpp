@@ -82,15 +82,15 @@ int readManifest(const QString& dbPath, const QString& fileId, const Args& args)
             return fail(
                 QString("manifest: %1: not an SQLite database (%2)").arg(dbPath, query.lastError().text()));
         if (!query.next()) return fail(QString("manifest: %1: has no table Files").arg(dbPath));
+        query.prepare("SELECT 1 FROM Files WHERE fileID = ?");
+        query.addBindValue(fileId);
+        if (query.exec() && !query.next())
+            return fail(QString("manifest: no file with fileID %1 in %2").arg(fileId, dbPath));
     }
 
     g_debugLines.clear();
     const QByteArray blob = DbUtils::readManifestBlobData(db, fileId);
-    if (blob.isEmpty() && !g_debugLines.isEmpty()) {
-        if (g_debugLines.first() == "don't fileID data")
-            return fail(QString("manifest: no file with fileID %1 in %2").arg(fileId, dbPath));
-        return fail("manifest: " + g_debugLines.first());
-    }
+    if (blob.isEmpty() && !g_debugLines.isEmpty()) return fail("manifest: " + g_debugLines.first());
 
     if (args.has("--out")) {
         QFile file(outPath);

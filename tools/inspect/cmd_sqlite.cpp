@@ -239,9 +239,9 @@ int runRecover(const Args& args) {
 
     SQliteRecovery recovery(db);
     recovery.setLiveView(&view);
-    if (!recovery.setTable(name, pattern))
-        return fail(QString("%1: %2").arg(path, recovery.error()),
-                    recovery.error().contains("pattern") ? Usage : Failed);
+    // A table that cannot be searched is the input's fault; a pattern that does not fit it, the user's.
+    if (!recovery.setTable(name)) return fail(QString("%1: %2").arg(path, recovery.error()));
+    if (!recovery.setTable(name, pattern)) return fail(QString("%1: %2").arg(path, recovery.error()), Usage);
     recovery.setHeldIncluded(args.has("--all"));
     recovery.setFreePagesSearched(!args.has("--no-free-list"));
     const RecordWriter::Format format = args.has("--json")  ? RecordWriter::Json
