@@ -38,11 +38,7 @@ void dropDebug(QtMsgType type, const QMessageLogContext&, const QString& message
     fprintf(stderr, "%s\n", message.toLocal8Bit().constData());
 }
 
-int runClassify(const QStringList& argv) {
-    Args args(argv, {"--json"}, {});
-    int exit = Ok;
-    if (!parseOrExit("classify", args, 1, -1, &exit)) return exit;
-
+int runClassify(const Args& args) {
     const QtMessageHandler previous = qInstallMessageHandler(dropDebug);
     QJsonArray results;
     int code = Ok;
@@ -81,11 +77,7 @@ int runClassify(const QStringList& argv) {
     return code;
 }
 
-int runPhone(const QStringList& argv) {
-    Args args(argv, {"--json"}, {});
-    int exit = Ok;
-    if (!parseOrExit("phone", args, 1, -1, &exit)) return exit;
-
+int runPhone(const Args& args) {
     QJsonArray results;
     for (const QString& number : args.positional()) {
         const PhoneNumberInfo info = PhoneNumberHelper::parse(number);
@@ -107,11 +99,7 @@ int runPhone(const QStringList& argv) {
     return Ok;
 }
 
-int runTimestamp(const QStringList& argv) {
-    Args args(argv, {"--apple", "--json"}, {"--format"});
-    int exit = Ok;
-    if (!parseOrExit("timestamp", args, 1, 1, &exit)) return exit;
-
+int runTimestamp(const Args& args) {
     const QString text = args.positional().first().trimmed();
     bool ok = false;
     const qint64 value = text.toLongLong(&ok);
@@ -133,25 +121,28 @@ int runTimestamp(const QStringList& argv) {
     return Ok;
 }
 
-Registration classifyReg({"classify", "classify FILE... [--json]",
+Registration classifyReg({"classify",
+                          "FILE...",
                           "Sorts files into picture, audio, video or other by their suffix, tells whether\n"
                           "the suffix makes a SILK voice-note candidate, and looks for a picture or video\n"
-                          "type word in the first bytes of each file (10 and 32 bytes).\n"
-                          "  --json  one JSON object per file",
+                          "type word in the first bytes of each file (10 and 32 bytes).",
+                          {{"--json", nullptr, "one JSON object per file"}},
                           &runClassify});
 
-Registration phoneReg({"phone", "phone NUMBER... [--json]",
+Registration phoneReg({"phone",
+                       "NUMBER...",
                        "Splits international numbers (starting with + or 00) into dialling prefix,\n"
-                       "country and national number. Quote numbers that contain spaces.\n"
-                       "  --json  one JSON object per number",
+                       "country and national number. Quote numbers that contain spaces.",
+                       {{"--json", nullptr, "one JSON object per number"}},
                        &runPhone});
 
-Registration timestampReg({"timestamp", "timestamp VALUE [--apple] [--format F] [--json]",
+Registration timestampReg({"timestamp",
+                           "VALUE",
                            "Formats a timestamp in seconds, milliseconds, microseconds or nanoseconds\n"
-                           "since 1970 as the library shows it in local time.\n"
-                           "  --apple     the value counts from the Apple epoch (2001)\n"
-                           "  --format F  a date-time pattern (default yyyy-MM-dd HH:mm:ss)\n"
-                           "  --json      print value, options and text as JSON",
+                           "since 1970 as the library shows it in local time.",
+                           {{"--apple", nullptr, "the value counts from the Apple epoch (2001)"},
+                            {"--format", "F", "a date-time pattern (default yyyy-MM-dd HH:mm:ss)"},
+                            {"--json", nullptr, "print value, options and text as JSON"}},
                            &runTimestamp});
 
 } // namespace

@@ -82,15 +82,15 @@ int readManifest(const QString& dbPath, const QString& fileId, const Args& args)
             return fail(
                 QString("manifest: %1: not an SQLite database (%2)").arg(dbPath, query.lastError().text()));
         if (!query.next()) return fail(QString("manifest: %1: has no table Files").arg(dbPath));
+        query.prepare("SELECT 1 FROM Files WHERE fileID = ?");
+        query.addBindValue(fileId);
+        if (query.exec() && !query.next())
+            return fail(QString("manifest: no file with fileID %1 in %2").arg(fileId, dbPath));
     }
 
     g_debugLines.clear();
     const QByteArray blob = DbUtils::readManifestBlobData(db, fileId);
-    if (blob.isEmpty() && !g_debugLines.isEmpty()) {
-        if (g_debugLines.first() == "don't fileID data")
-            return fail(QString("manifest: no file with fileID %1 in %2").arg(fileId, dbPath));
-        return fail("manifest: " + g_debugLines.first());
-    }
+    if (blob.isEmpty() && !g_debugLines.isEmpty()) return fail("manifest: " + g_debugLines.first());
 
     if (args.has("--out")) {
         QFile file(outPath);
@@ -107,10 +107,7 @@ int readManifest(const QString& dbPath, const QString& fileId, const Args& args)
     return Ok;
 }
 
-int runManifest(const QStringList& argv) {
-    Args args(argv, {"--json"}, {"--out"});
-    int exit = Ok;
-    if (!parseOrExit("manifest", args, 2, 2, &exit)) return exit;
+int runManifest(const Args& args) {
     const QString dbPath = args.positional().at(0);
     if (!checkInputFile(dbPath)) return Failed;
 
@@ -120,10 +117,7 @@ int runManifest(const QStringList& argv) {
     return code;
 }
 
-int runMmkv(const QStringList& argv) {
-    Args args(argv, {"--json"}, {});
-    int exit = Ok;
-    if (!parseOrExit("mmkv", args, 1, 1, &exit)) return exit;
+int runMmkv(const Args& args) {
     const QString path = args.positional().at(0);
     if (!checkInputFile(path)) return Failed;
 
@@ -149,10 +143,7 @@ int runMmkv(const QStringList& argv) {
     return Ok;
 }
 
-int runProtobuf(const QStringList& argv) {
-    Args args(argv, {}, {"--as"});
-    int exit = Ok;
-    if (!parseOrExit("protobuf", args, 2, 2, &exit)) return exit;
+int runProtobuf(const Args& args) {
     const QString path = args.positional().at(0);
     const QString fieldPath = args.positional().at(1);
     const QString as = args.value("--as", "text");
@@ -197,27 +188,30 @@ int runProtobuf(const QStringList& argv) {
     return Ok;
 }
 
-const Registration manifestCommand(
-    {"manifest", "manifest DB FILEID [--out FILE] [--json]",
-     "Reads the blob stored for FILEID in the table Files of a backup manifest database (opened\n"
-     "read-only) and prints it as a hex dump.\n"
-     "  --out FILE  write the raw blob to FILE instead\n"
-     "  --json      print {fileID, size, data} with the data in base64",
-     runManifest});
 const Registration
-    mmkvCommand({"mmkv", "mmkv FILE [--json]",
+    manifestCommand({"manifest",
+                     "DB FILEID",
+                     "Reads the blob stored for FILEID in the table Files of a backup manifest database\n"
+                     "(opened read-only) and prints it as a hex dump.",
+                     {{"--out", "FILE", "write the raw blob to FILE instead"},
+                      {"--json", nullptr, "print {fileID, size, data} with the data in base64"}},
+                     runManifest});
+const Registration
+    mmkvCommand({"mmkv",
+                 "FILE",
                  "Lists every key of a plain MMKV key-value file with its raw value in hex and\n"
-                 "its readings as an integer (varint) and as a string (length-prefixed UTF-8).\n"
-                 "  --json  one JSON object: key -> {hex, int, string}",
+                 "its readings as an integer (varint) and as a string (length-prefixed UTF-8).",
+                 {{"--json", nullptr, "one JSON object: key -> {hex, int, string}"}},
                  runMmkv});
 const Registration protobufCommand(
-    {"protobuf", "protobuf FILE PATH [--as text|int|int64]",
+    {"protobuf",
+     "FILE PATH",
      "Parses FILE as a protocol-buffer message without a schema and prints the field at PATH, a\n"
      "dotted list of field numbers (2.1.3: field 3 inside field 1 inside field 2). Repeated fields\n"
-     "give their first occurrence; bytes that are not a message keep the lookup at their own level.\n"
-     "  --as text   decimal text of numbers, raw bytes of length-delimited fields (default)\n"
-     "  --as int    a 32-bit integer\n"
-     "  --as int64  a 64-bit integer (no ZigZag decoding)",
+     "give their first occurrence; bytes that are not a message keep the lookup at their own level.",
+     {{"--as", "KIND",
+       "text: decimal text of numbers, raw bytes of length-delimited fields (default)\n"
+       "int: a 32-bit integer; int64: a 64-bit integer (no ZigZag decoding)"}},
      runProtobuf});
 
 } // namespace

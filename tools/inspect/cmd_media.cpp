@@ -87,10 +87,7 @@ bool hasSilkHeader(const QString& path) {
     return head.startsWith("\x02#!SILK_V3") || (head.size() >= 9 && head.mid(1, 8) == "!SILK_V3");
 }
 
-int runDuration(const QStringList& argv) {
-    Args args(argv, {"--json"}, {"--format", "--name"});
-    int code = Ok;
-    if (!parseOrExit("duration", args, 1, 1, &code)) return code;
+int runDuration(const Args& args) {
     const QString path = args.positional().at(0);
     const QString format = args.value("--format", "hh:mm:ss");
     if (format.isEmpty()) return fail("duration: --format needs a pattern such as mm:ss", Usage);
@@ -133,10 +130,7 @@ int runDuration(const QStringList& argv) {
 
 // --- gzip / gunzip ---
 
-int runGzip(const QStringList& argv) {
-    Args args(argv, {"--force"}, {"--level"});
-    int code = Ok;
-    if (!parseOrExit("gzip", args, 0, 2, &code)) return code;
+int runGzip(const Args& args) {
     const QString input = args.positional().value(0);
     const QString output = args.positional().value(1);
     bool ok = true;
@@ -152,10 +146,7 @@ int runGzip(const QStringList& argv) {
     return writeOutput(output, packed) ? Ok : Failed;
 }
 
-int runGunzip(const QStringList& argv) {
-    Args args(argv, {"--zlib", "--auto", "--partial", "--force"}, {});
-    int code = Ok;
-    if (!parseOrExit("gunzip", args, 0, 2, &code)) return code;
+int runGunzip(const Args& args) {
     const bool zlib = args.has("--zlib"), autodetect = args.has("--auto"), partial = args.has("--partial");
     if (zlib && autodetect) return fail("gunzip: --zlib and --auto exclude each other", Usage);
     if (autodetect && partial) return fail("gunzip: --partial does not go with --auto", Usage);
@@ -209,15 +200,10 @@ bool parseHex(const QString& option, const QString& text, std::initializer_list<
     return false;
 }
 
-int runAes(const QStringList& argv) {
-    Args args(argv, {"--hex", "--force"}, {"--key", "--iv"});
-    int code = Ok;
-    if (!parseOrExit("aes", args, 1, 3, &code)) return code;
+int runAes(const Args& args) {
     const QString mode = args.positional().at(0);
     if (mode != "encrypt" && mode != "decrypt")
         return fail(QString("aes: unknown mode '%1' (encrypt or decrypt)").arg(mode), Usage);
-    if (!args.has("--key") || !args.has("--iv"))
-        return fail("aes: --key HEX and --iv HEX are required", Usage);
     QByteArray key, iv;
     if (!parseHex("--key", args.value("--key"), {16, 24, 32}, &key)) return Usage;
     if (!parseHex("--iv", args.value("--iv"), {16}, &iv)) return Usage;
@@ -247,37 +233,45 @@ int runAes(const QStringList& argv) {
     return writeOutput(output, result) ? Ok : Failed;
 }
 
+const Option kForce = {"--force", nullptr, "overwrite OUT if it exists (the input is never overwritten)"};
+
 const Registration durationCommand(
-    {"duration", "duration FILE [--name NAME] [--format FMT] [--json]",
+    {"duration",
+     "FILE",
      "Prints the play length of a voice note, audio or video file as a time of day (it wraps at 24 h).\n"
      "Names ending in .amr, .aud or .slk are measured as SILK voice notes (20 ms a frame, the first two\n"
-     "frames not counted); everything else by the container duration that FFmpeg reads.\n"
-     "  --name NAME   decide the kind by NAME instead of FILE (for files stored under a hash)\n"
-     "  --format FMT  time pattern, default hh:mm:ss (mm:ss, h:mm:ss.zzz, ...)\n"
-     "  --json        {file, name, silk, duration}",
+     "frames not counted); everything else by the container duration that FFmpeg reads.",
+     {{"--name", "NAME", "decide the kind by NAME instead of FILE (for files stored under a hash)"},
+      {"--format", "FMT", "time pattern, default hh:mm:ss (mm:ss, h:mm:ss.zzz, ...)"},
+      {"--json", nullptr, "{file, name, silk, duration}"}},
      runDuration});
-const Registration gzipCommand({"gzip", "gzip [IN [OUT]] [--level N] [--force]",
-                                "Compresses IN (default: standard input) into a gzip stream written to OUT\n"
-                                "(default: standard output). \"-\" stands for standard input or output.\n"
-                                "  --level N  0 to 9; above 9 counts as 9, negative as zlib's default (6)\n"
-                                "  --force    overwrite OUT if it exists (the input is never overwritten)",
-                                runGzip});
+const Registration
+    gzipCommand({"gzip",
+                 "[IN [OUT]]",
+                 "Compresses IN (default: standard input) into a gzip stream written to OUT\n"
+                 "(default: standard output). \"-\" stands for standard input or output.",
+                 {{"--level", "N", "0 to 9; above 9 counts as 9, negative as zlib's default (6)"}, kForce},
+                 runGzip});
 const Registration gunzipCommand(
-    {"gunzip", "gunzip [IN [OUT]] [--zlib | --auto] [--partial] [--force]",
+    {"gunzip",
+     "[IN [OUT]]",
      "Inflates the gzip stream in IN (default: standard input) to OUT (default: standard output).\n"
-     "Bytes after the end of the stream are ignored; a cut or damaged stream is an error.\n"
-     "  --zlib     the input is a zlib-wrapped stream (HTTP \"deflate\") instead of gzip\n"
-     "  --auto     accept either wrapper\n"
-     "  --partial  on a cut or damaged stream, still write what was inflated before the error\n"
-     "  --force    overwrite OUT if it exists (the input is never overwritten)",
+     "Bytes after the end of the stream are ignored; a cut or damaged stream is an error.",
+     {{"--zlib", nullptr, "the input is a zlib-wrapped stream (HTTP \"deflate\") instead of gzip"},
+      {"--auto", nullptr, "accept either wrapper"},
+      {"--partial", nullptr, "on a cut or damaged stream, still write what was inflated before the error"},
+      kForce},
      runGunzip});
 const Registration aesCommand(
-    {"aes", "aes encrypt|decrypt --key HEX --iv HEX [IN [OUT]] [--hex] [--force]",
+    {"aes",
+     "encrypt|decrypt [IN [OUT]]",
      "AES-CBC with PKCS#7 padding; the key size picks AES-128, AES-192 or AES-256 (32, 48 or 64 hex\n"
      "digits); the iv is 32 hex digits. No iv or MAC is stored with the cipher text. Reads IN (default:\n"
-     "standard input) and writes OUT (default: standard output).\n"
-     "  --hex    write the result as hex text\n"
-     "  --force  overwrite OUT if it exists (the input is never overwritten)",
+     "standard input) and writes OUT (default: standard output).",
+     {{"--key", "HEX", "the key", true},
+      {"--iv", "HEX", "the initialisation vector", true},
+      {"--hex", nullptr, "write the result as hex text"},
+      kForce},
      runAes});
 
 } // namespace

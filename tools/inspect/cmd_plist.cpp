@@ -21,10 +21,7 @@ namespace {
 // the file; printing it would not end in reasonable time, so it is refused past this count.
 constexpr qint64 kMaxPrintedValues = 20 * 1000 * 1000;
 
-int runPlist(const QStringList& argv) {
-    Args args(argv, {}, {});
-    int exit = Ok;
-    if (!parseOrExit("plist", args, 1, 1, &exit)) return exit;
+int runPlist(const Args& args) {
     const QString path = args.positional().at(0);
     if (!checkInputFile(path)) return Failed;
     void* root = nullptr;
@@ -35,10 +32,7 @@ int runPlist(const QStringList& argv) {
     return Ok;
 }
 
-int runArchive(const QStringList& argv) {
-    Args args(argv, {"--root"}, {});
-    int exit = Ok;
-    if (!parseOrExit("archive", args, 1, 1, &exit)) return exit;
+int runArchive(const Args& args) {
     const QString path = args.positional().at(0);
     if (!checkInputFile(path)) return Failed;
     NSKeyedArchiver archive;
@@ -81,10 +75,7 @@ QJsonObject recordJson(const MbdbRecord& r) {
     return o;
 }
 
-int runMbdb(const QStringList& argv) {
-    Args args(argv, {"--json"}, {});
-    int exit = Ok;
-    if (!parseOrExit("mbdb", args, 1, 1, &exit)) return exit;
+int runMbdb(const Args& args) {
     const QString path = args.positional().at(0);
     if (!checkInputFile(path)) return Failed;
     MbdbUtil index;
@@ -111,22 +102,29 @@ int runMbdb(const QStringList& argv) {
     return Ok;
 }
 
-Registration regPlist({"plist", "plist FILE",
+Registration regPlist({"plist",
+                       "FILE",
                        "Prints a property list (binary or XML) as JSON. Dates are seconds since\n"
                        "2001-01-01 UTC, data is Base64 text, UIDs are null.",
+                       {},
                        &runPlist});
 
-Registration regArchive({"archive", "archive FILE [--root]",
+Registration regArchive({"archive",
+                         "FILE",
                          "Prints a keyed archive as JSON with every object reference resolved: the\n"
-                         "entries of \"$top\", each holding the object graph beneath it.\n"
-                         "  --root  convert the whole property list instead, without resolving references",
+                         "entries of \"$top\", each holding the object graph beneath it.",
+                         {{"--root", nullptr,
+                           "convert the whole property list instead, without resolving "
+                           "references"}},
                          &runArchive});
 
-Registration regMbdb({"mbdb", "mbdb FILE [--json]",
+Registration regMbdb({"mbdb",
+                      "FILE",
                       "Lists the records of a legacy backup index (\"mbdb\"), one per line:\n"
-                      "fileId, mode (octal), size, last-modified time (UTC), domain, path [-> link].\n"
-                      "  --json  print all records as a JSON array (fileId, domain, path, linkTarget,\n"
-                      "          size, mode, times, properties and the other fields)",
+                      "fileId, mode (octal), size, last-modified time (UTC), domain, path [-> link].",
+                      {{"--json", nullptr,
+                        "print all records as a JSON array (fileId, domain, path, linkTarget,\n"
+                        "size, mode, times, properties and the other fields)"}},
                       &runMbdb});
 
 } // namespace

@@ -18,8 +18,8 @@ using namespace inspect;
 
 namespace {
 
-const char* const kPatternHelp = "PATTERN has one character per column: 0-9 exactly that serial type, "
-                                 "b NULL or blob, d NULL or a number, f NULL or float, i NULL or integer, "
+const char* const kPatternHelp = "PATTERN has one character per column: 0-9 exactly that serial type,\n"
+                                 "b NULL or blob, d NULL or a number, f NULL or float, i NULL or integer,\n"
                                  "n NULL, s NULL or text.";
 
 // Opens db read-only as the engine would see it: with the write-ahead log or hot journal beside
@@ -120,13 +120,10 @@ int finishWalk(RecordWriter& writer) {
     writer.finish();
     if (!interrupted()) return Ok;
     fail("interrupted: the results above are incomplete");
-    return 130;
+    return Interrupted;
 }
 
-int runTables(const QStringList& argv) {
-    Args args(argv, {"--json", "--pages", "--no-wal"}, {});
-    int code = Ok;
-    if (!parseOrExit("tables", args, 1, 1, &code)) return code;
+int runTables(const Args& args) {
     SQliteDbUtil db;
     if (!openDb(db, args.positional().at(0), args)) return Failed;
     const QList<SQliteTable> tables = db.fetchAllTable();
@@ -166,10 +163,7 @@ int runTables(const QStringList& argv) {
     return Ok;
 }
 
-int runRows(const QStringList& argv) {
-    Args args(argv, {"--json", "--no-wal"}, {});
-    int code = Ok;
-    if (!parseOrExit("rows", args, 2, 2, &code)) return code;
+int runRows(const Args& args) {
     SQliteDbUtil db;
     if (!openDb(db, args.positional().at(0), args)) return Failed;
     const QString name = args.positional().at(1);
@@ -224,13 +218,7 @@ int runRawRecover(const Args& args, SQliteDbUtil& db) {
     return finishWalk(writer);
 }
 
-int runRecover(const QStringList& argv) {
-    Args args(
-        argv,
-        {"--json", "--csv", "--all", "--raw", "--with-header", "--free-list", "--no-free-list", "--no-wal"},
-        {});
-    int code = Ok;
-    if (!parseOrExit("recover", args, 2, 3, &code)) return code;
+int runRecover(const Args& args) {
     const QString path = args.positional().at(0), name = args.positional().at(1),
                   pattern = args.positional().value(2);
     const bool raw = args.has("--raw");
@@ -251,9 +239,9 @@ int runRecover(const QStringList& argv) {
 
     SQliteRecovery recovery(db);
     recovery.setLiveView(&view);
-    if (!recovery.setTable(name, pattern))
-        return fail(QString("%1: %2").arg(path, recovery.error()),
-                    recovery.error().contains("pattern") ? Usage : Failed);
+    // A table that cannot be searched is the input's fault; a pattern that does not fit it, the user's.
+    if (!recovery.setTable(name)) return fail(QString("%1: %2").arg(path, recovery.error()));
+    if (!recovery.setTable(name, pattern)) return fail(QString("%1: %2").arg(path, recovery.error()), Usage);
     recovery.setHeldIncluded(args.has("--all"));
     recovery.setFreePagesSearched(!args.has("--no-free-list"));
     const RecordWriter::Format format = args.has("--json")  ? RecordWriter::Json
@@ -316,10 +304,7 @@ int runRecover(const QStringList& argv) {
     return finishWalk(writer);
 }
 
-int runFreelist(const QStringList& argv) {
-    Args args(argv, {"--json", "--with-header", "--no-wal"}, {});
-    int code = Ok;
-    if (!parseOrExit("freelist", args, 2, 2, &code)) return code;
+int runFreelist(const Args& args) {
     const QString path = args.positional().at(0), pattern = args.positional().at(1);
     if (!checkPattern(pattern)) return Usage;
     SQliteDbUtil db;
@@ -337,10 +322,7 @@ int runFreelist(const QStringList& argv) {
 
 // The frames of the write-ahead log beside DB (or the records of its rollback journal), with the
 // table or index that owns each page in the database as the engine would see it.
-int runWal(const QStringList& argv) {
-    Args args(argv, {"--json"}, {});
-    int code = Ok;
-    if (!parseOrExit("wal", args, 1, 1, &code)) return code;
+int runWal(const Args& args) {
     const QString path = args.positional().at(0);
     if (!checkInputFile(path)) return Failed;
     SQliteDbUtil db;
@@ -440,32 +422,38 @@ int runWal(const QStringList& argv) {
     return Ok;
 }
 
+const Option kNoWal = {"--no-wal", nullptr, "read the main file alone, not the -wal or -journal beside it"};
+
 const Registration walCommand(
-    {"wal", "wal DB [--json]",
+    {"wal",
+     "DB",
      "Lists the frames of the write-ahead log beside DB (DB-wal): number, page, the table or index\n"
      "that owns the page, commit (and the database's size after it), whether the frame is valid (salts\n"
      "and checksum chain), committed, and its generation (0 the log's current one, 1 the one before...).\n"
      "Without a log, lists the page records of the rollback journal (DB-journal) instead.",
+     {{"--json", nullptr, "one JSON array of frames or records"}},
      runWal});
 
 const Registration
-    tablesCommand({"tables", "tables DB [--pages] [--json]",
+    tablesCommand({"tables",
+                   "DB",
                    "Lists the tables of an SQLite database read without the engine: name, root page,\n"
-                   "how many leaf pages and the column names.\n"
-                   "  --pages  list the leaf pages too\n"
-                   "  --no-wal read the main file alone, not the -wal or -journal beside it\n"
-                   "  --json   one JSON array of tables (with their leaf pages)",
+                   "how many leaf pages and the column names.",
+                   {{"--pages", nullptr, "list the leaf pages too"},
+                    kNoWal,
+                    {"--json", nullptr, "one JSON array of tables (with their leaf pages)"}},
                    runTables});
-const Registration rowsCommand(
-    {"rows", "rows DB TABLE [--json]",
-     "Prints the live rows of TABLE in rowid order: rowid first, then the columns.\n"
-     "NULL reads as 0. Rows are printed as they are read, in constant memory.\n"
-     "--json prints one array of records (blobs as base64). Ctrl-C stops and keeps what was printed.",
-     runRows});
+const Registration
+    rowsCommand({"rows",
+                 "DB TABLE",
+                 "Prints the live rows of TABLE in rowid order: rowid first, then the columns.\n"
+                 "NULL reads as 0. Rows are printed as they are read, in constant memory.\n"
+                 "Ctrl-C stops and keeps what was printed.",
+                 {kNoWal, {"--json", nullptr, "one JSON array of records (blobs as base64)"}},
+                 runRows});
 const Registration recoverCommand(
     {"recover",
-     "recover DB TABLE [PATTERN] [--all] [--no-free-list] [--json | --csv] [--raw [--with-header] "
-     "[--free-list]]",
+     "DB TABLE [PATTERN]",
      QString(
          "Recovers the deleted records of TABLE from the unallocated gaps and freeblocks of its leaf pages\n"
          "and from the free-list pages. Each record is whole (its header, serial types and values fit\n"
@@ -473,26 +461,33 @@ const Registration recoverCommand(
          "when the cell's rowid survives) and comes with its page, offset, region and verdict; records\n"
          "that overflowed are reassembled from free overflow pages.\n"
          "PATTERN, one letter per column, defaults to what the declared types allow: n the rowid alias,\n"
-         "d NULL or a number, t NULL, text or blob, a anything (plus the letters below).\n"
-         "  --all           also print the records held back, with their reasons: live (a live row),\n"
-         "                  superseded (an earlier version of a live row), duplicate, encoding, layout,\n"
-         "                  affinity, empty\n"
-         "  --no-free-list  leave the free-list pages out\n"
-         "  --json          one JSON array of {page, offset, region, verdict, reasons, rowid, overflow, "
-         "values}\n"
-         "  --csv           the same as CSV rows, for spreadsheets (NULL empty, blobs as x'hex')\n"
-         "  --raw           the reader's own scan instead, which needs PATTERN:\n%1\n"
-         "    --with-header  expect a rowid and a header size before the serial types (whole cells)\n"
-         "    --free-list    search the database's free-list pages too\n"
+         "d NULL or a number, t NULL, text or blob, a anything (plus the letters of --raw).\n"
+         "With --raw, the reader's own scan runs instead; it needs PATTERN:\n%1\n"
          "Ctrl-C stops the search and keeps what was printed.")
          .arg(kPatternHelp),
+     {{"--all", nullptr,
+       "also print the records held back, with their reasons: live (a live row),\n"
+       "superseded (an earlier version of a live row), duplicate, encoding, layout,\n"
+       "affinity, empty"},
+      {"--no-free-list", nullptr, "leave the free-list pages out"},
+      kNoWal,
+      {"--json", nullptr,
+       "one JSON array of {page, offset, region, verdict, reasons, rowid, overflow, values}"},
+      {"--csv", nullptr, "the same as CSV rows, for spreadsheets (NULL empty, blobs as x'hex')"},
+      {"--raw", nullptr, "the reader's own scan instead, which needs PATTERN"},
+      {"--with-header", nullptr,
+       "with --raw: expect a rowid and a header size before the serial types\n"
+       "(whole cells)"},
+      {"--free-list", nullptr, "with --raw: search the database's free-list pages too"}},
      runRecover});
 const Registration freelistCommand(
-    {"freelist", "freelist DB PATTERN [--with-header] [--json]",
-     QString("Searches every free-list page of the database for records whose serial types fit PATTERN.\n%1\n"
-             "  --with-header  expect a rowid and a header size before the serial types\n"
-             "  --json         one JSON array of {source, values}")
+    {"freelist",
+     "DB PATTERN",
+     QString("Searches every free-list page of the database for records whose serial types fit PATTERN.\n%1")
          .arg(kPatternHelp),
+     {{"--with-header", nullptr, "expect a rowid and a header size before the serial types"},
+      kNoWal,
+      {"--json", nullptr, "one JSON array of {source, values}"}},
      runFreelist});
 
 } // namespace
