@@ -154,7 +154,7 @@ class EngineReader:
         cut = argv.index("--") if "--" in argv else len(argv)
         options = [a for a in argv[1:cut] if a.startswith("--")]
         positional = [a for a in argv[1:cut] if not a.startswith("--")] + argv[cut + 1:]
-        view, refused = self.views[positional[0]]
+        view = self.views[positional[0]][0]
         note = f"tolerated: {self.damaged[positional[0]]}\n".encode() if positional[0] in self.damaged else b""
         if argv[0] == "tables":
             return 0, render_tables(view, "--all" in options).encode(), note
@@ -191,6 +191,7 @@ def check_json_value(expected, got):
     return None if ok else "value"
 
 
+CSV_PLAIN = re.compile(r'[^,"\r\n]*')
 CSV_INT = re.compile(r"-?[0-9]+")
 CSV_BLOB = re.compile(r"x'((?:[0-9a-fA-F]{2})*)'")
 CSV_REAL = re.compile(r"-?(?:[0-9]+\.?[0-9]*|\.[0-9]+)(?:[eE][-+]?[0-9]+)?")
@@ -237,7 +238,7 @@ def parse_csv(text):
                 record.append(("".join(parts), True))
                 i = k + 1
             else:
-                m = re.compile(r'[^,"\r\n]*').match(text, i)
+                m = CSV_PLAIN.match(text, i)
                 record.append((m.group(), False))
                 i = m.end()
             if text.startswith(",", i):
@@ -252,9 +253,10 @@ def parse_csv(text):
 
 
 def show(v):
+    """A value as it came, with its type; a CSV field as written."""
     kind = {type(None): "null", int: "integer", float: "real", str: "text", bytes: "blob",
-            tuple: "csv field", list: "array", bool: "bool", dict: "object"}.get(type(v), type(v).__name__)
-    text = repr(v)
+            tuple: "CSV field", list: "array", bool: "bool", dict: "object"}.get(type(v), type(v).__name__)
+    text = repr(('"' + v[0].replace('"', '""') + '"' if v[1] else v[0]) if isinstance(v, tuple) else v)
     return (text if len(text) <= 70 else text[:67] + "...") + f" ({kind})"
 
 
@@ -347,8 +349,8 @@ def check_tables(run, db, path, view, with_indexes, damage, result):
         result.values += 1
         if entry is None:
             result.add("index missing", f"{where} | {name!r}")
-        elif (entry.get("table"), entry.get("rootPage")) != (tbl, root):
-            result.add("index entry", f"{where} | {name!r}", (tbl, root), (entry.get("table"), entry.get("rootPage")))
+        elif [entry.get("table"), entry.get("rootPage")] != [tbl, root]:
+            result.add("index entry", f"{where} | {name!r}", [tbl, root], [entry.get("table"), entry.get("rootPage")])
     for (kind, name), entries in listed.items():
         result.add("extra entry", f"{where} | {kind} {name!r}" + (f" (x{len(entries)})" if len(entries) > 1 else ""))
 
@@ -459,17 +461,18 @@ def report(mismatches, results, manifest):
                                                    f"autoVacuum={d['autoVacuum']}"]
              + ([f"damage={d['damage']['kind']}"] if d.get("damage") else [])
              for d in manifest["databases"] for t in d["tables"]}
-    groups, failing = {}, set()
+    groups, failing = {"json": {}, "csv": {}}, set()
     for task, r in results:
         if task[0] is check_rows:
             key = (task[1], task[3].name)
             failing |= {key} if r.mismatches else set()
-            for g in about.get(key, []) if task[4] == "json" else []:
-                groups.setdefault(g, [0, 0])[0] += bool(r.mismatches)
-                groups[g][1] += 1
-    print(f"tables with a row mismatch: {len(failing)} in {len({f for f, _ in failing})} databases; "
-          "in rows --json by kind (failing/read): "
-          + ", ".join(f"{g} {f}/{n}" for g, (f, n) in sorted(groups.items()) if f))
+            for g in about.get(key, []):
+                groups[task[4]].setdefault(g, [0, 0])[0] += bool(r.mismatches)
+                groups[task[4]][g][1] += 1
+    print(f"tables with a row mismatch: {len(failing)} in {len({f for f, _ in failing})} databases")
+    for fmt, by in groups.items():
+        print(f"  in rows --{fmt}, by kind (failing/read): "
+              + (", ".join(f"{g} {f}/{n}" for g, (f, n) in sorted(by.items()) if f) or "none"))
     firsts, seen = [], set()
     for m in mismatches:
         if m[0] not in seen:
