@@ -83,7 +83,7 @@ TABLE_KINDS = ["rowid", "ipk", "ipk_table_form", "ipk_desc_not_alias", "autoincr
                "without_rowid", "without_rowid_multi_key", "strict", "strict_without_rowid",
                "altered", "generated", "rowid_named_columns", "all_rowid_names_ipk", "wide",
                "deep", "overflow", "as_select", "renamed", "dropped_column"]
-DEFAULTS = ["0", "-1", "+7", "-9223372036854775808", "9223372036854775807", "1.5", "-0.0",
+DEFAULTS = ["0", "-1", "+7", "-9223372036854775808", "9223372036854775807", "1.5", "1.0", "1.50", "-0.0",
             "1e300", "'a, b'", "'it''s'", "'(x)'", "x'00ff'", "NULL", "TRUE", "FALSE", "0x7fffffff",
             "-0x10", "'  12  '", "1e3", "''"]
 EXPR_DEFAULTS = ["(1 + 2)", "(-(3))", "('a' || ',' || 'b')", "(abs(-5))", "((1) * (2.5))"]
