@@ -82,7 +82,7 @@ ALPHABET = "abcdefghijklmnopqrstuvwxyzABCDEF 0123456789,\"'\n\t;é中😀"
 TABLE_KINDS = ["rowid", "ipk", "ipk_table_form", "ipk_desc_not_alias", "autoincrement",
                "without_rowid", "without_rowid_multi_key", "strict", "strict_without_rowid",
                "altered", "generated", "rowid_named_columns", "all_rowid_names_ipk", "wide",
-               "deep", "overflow", "as_select", "renamed", "dropped_column"]
+               "deep", "deep_key", "overflow", "as_select", "renamed", "dropped_column"]
 DEFAULTS = ["0", "-1", "+7", "-9223372036854775808", "9223372036854775807", "1.5", "1.0", "1.50", "-0.0",
             "1e300", "'a, b'", "'it''s'", "'(x)'", "x'00ff'", "NULL", "TRUE", "FALSE", "0x7fffffff",
             "-0x10", "'  12  '", "1e3", "''"]
@@ -115,6 +115,7 @@ class Column:
     def __init__(self, name, decl, strict_type=None):
         self.name, self.decl, self.strict_type = name, decl, strict_type
         self.notnull = self.key = self.generated = False
+        self.long_text = 0  # every value a text of this many characters
         self.sql = ""
 
 
@@ -126,6 +127,7 @@ class Maker:
         self.odd_names = itertools.cycle(rng.sample(ODD_NAMES, len(ODD_NAMES)))
         self.kinds = itertools.cycle(TABLE_KINDS)
         self.serial = 0
+        self.page_size = 4096  # of the database being made
 
     def ws(self):
         return self.rng.choice(WHITE)
@@ -183,6 +185,8 @@ class Maker:
     def value(self, column, big=0):
         """A value for the column: any class, or one its STRICT type takes; big asks for
         a value of about that many bytes."""
+        if column.long_text:
+            return self.text(column.long_text)
         kinds = {"INT": "ni", "INTEGER": "ni", "REAL": "nir", "TEXT": "nt", "BLOB": "nb"}.get(
             column.strict_type, "nirtb")
         if column.notnull or column.key:
@@ -230,7 +234,7 @@ class Maker:
         Columns marked key never take NULL; an IPK column takes integers only."""
         rng = self.rng
         strict = kind.startswith("strict") or rng.random() < 0.1
-        without_rowid = "without_rowid" in kind or (kind == "rowid" and rng.random() < 0.15)
+        without_rowid = "without_rowid" in kind or kind == "deep_key" or (kind == "rowid" and rng.random() < 0.15)
         name = self.fresh_name(taken_names, 0.6)
         kinds = {kind}
         kinds |= {"strict"} if strict else set()
@@ -259,6 +263,9 @@ class Maker:
             keys = rng.sample(cols, rng.randint(2, min(3, len(cols))) if many else 1)
             for k in keys:
                 k.key = True
+            if kind == "deep_key":  # keys of an eighth of a page: a b-tree three or four levels deep
+                keys[0].long_text = self.page_size // 8
+                keys[0].decl = keys[0].strict_type = "TEXT" if strict else keys[0].decl
             if not many and rng.random() < 0.5:
                 keys[0].sql = " PRIMARY KEY" + rng.choice(["", " DESC", " ASC"])
             else:
@@ -358,6 +365,7 @@ def build_database(path, maker, index):
     auto_vacuum = AUTO_VACUUM[(index // 2) % 3]
     reserved = min(RESERVED[(index // 3) % len(RESERVED)], page_size - 480)
     create_file(path, page_size, encoding, AUTO_VACUUM.index(auto_vacuum), reserved)
+    maker.page_size = page_size
     con = sqlite3.connect(path, isolation_level=None)
     con.execute("PRAGMA secure_delete=OFF")
     con.execute("PRAGMA synchronous=OFF")
@@ -377,7 +385,7 @@ def build_database(path, maker, index):
         name, sql, cols, table_kinds, explicit = maker.table(taken, [m[0] for m in made], kind)
         con.execute(sql)
         kinds[name] = table_kinds
-        rows = {"deep": rng.randint(300, 900), "overflow": rng.randint(3, 6)}.get(
+        rows = {"deep": rng.randint(300, 900), "deep_key": 150, "overflow": rng.randint(3, 6)}.get(
             kind, rng.choice([0, 1, 3, 8, 15, 25, 40]))
         big = int(page_size * rng.uniform(1.5, 4)) if kind == "overflow" else 0
         insert_rows(con, maker, name, cols, rows, explicit, big)
