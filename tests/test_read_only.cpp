@@ -181,7 +181,7 @@ TEST_F(ReadOnly, ToolCommands) {
          "is_from_me\r\n"},
         {{"recover", "chat.db", "message", "--all", "--csv"}, 0, ",held,live,"},
         {{"freelist", "chat.db", "is"}, 0, "free-list pages: [11,12]"},
-        {{"tables", "wal.db"}, 0, "columns: id, body", 1},
+        {{"tables", "wal.db"}, 0, "columns: id (rowid), body", 1},
         {{"rows", "journal.db", "m"}, 0, "(200 rows)", 1},
         {{"recover", "wal.db", "m", "--all"}, 0, "in older page versions", 1},
         {{"recover", "journal.db", "m", "--no-wal"}, 0, "recovered", 1},

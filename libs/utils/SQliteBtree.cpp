@@ -177,3 +177,30 @@ bool SQliteBtree::walk(qint64 root, const Visit& visit, const std::function<void
     }
     return true;
 }
+
+std::vector<qint64> SQliteBtree::leafPages(qint64 root) {
+    std::vector<qint64> leaves;
+    std::vector<qint64> todo{root};
+    std::vector<uchar> image;
+    SeenSet seen;
+    while (!todo.empty()) {
+        const qint64 pageNo = todo.back();
+        todo.pop_back();
+        const auto it = m_db.pages.constFind(int(pageNo));
+        if (it == m_db.pages.constEnd() || !seen.insert(pageNo)) continue;
+        if (isBtreePage(it->type) && !isInterior(it->type)) {
+            leaves.push_back(pageNo);
+            continue;
+        }
+        if (!isInterior(it->type) || !readPage(pageNo, image)) continue;
+        const qint64 hdr = btreeHeaderOffset(pageNo);
+        const size_t at = todo.size();
+        todo.push_back(get32(image.data() + hdr + page::RightChild));
+        forEachCellPointer(image.data(), m_geometry.usable, hdr, [&](int, qint64 offset) {
+            if (offset + 4 <= m_geometry.usable) todo.push_back(get32(image.data() + offset));
+            return true;
+        });
+        std::reverse(todo.begin() + qint64(at) + 1, todo.end()); // the leftmost child is walked first
+    }
+    return leaves;
+}

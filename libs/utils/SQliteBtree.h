@@ -62,6 +62,10 @@ public:
     bool walk(qint64 root, const Visit& visit, const std::function<void(qint64 page, int type)>& onPage = {},
               const std::function<void(int done, int total)>& progress = {});
 
+    // The leaf pages of the tree under root, left to right, found through its interior pages
+    // alone (the types of the others come from the reader's page index).
+    std::vector<qint64> leafPages(qint64 root);
+
 private:
     SQliteDbUtil& m_db;
     sqlitefmt::Geometry m_geometry;

@@ -430,3 +430,10 @@ QMap<int, QString> SQliteScanner::pageOwners() {
     }
     return owners;
 }
+
+QList<int> SQliteScanner::leafPages(qint64 root) {
+    QList<int> leaves;
+    for (qint64 page : SQliteBtree(d->db).leafPages(root))
+        leaves.append(int(page));
+    return leaves;
+}

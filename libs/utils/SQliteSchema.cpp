@@ -205,23 +205,6 @@ int skipForeignKey(const Tokens& t, int i, int to) {
 // ---------------------------------------------------------------------------------------------
 // Literals and affinity
 
-// A number literal: an integer when it is one that fits 64 bits, else a float.
-QVariant numberValue(const QString& text, bool negative) {
-    bool ok = false;
-    if (text.startsWith("0x", Qt::CaseInsensitive)) {
-        const quint64 v = text.mid(2).toULongLong(&ok, 16);
-        if (ok && text.size() <= 18) return QVariant(qlonglong(negative ? 0 - v : v));
-        return QVariant();
-    }
-    if (!text.contains(QLatin1Char('.')) && !text.contains(QLatin1Char('e'), Qt::CaseInsensitive)) {
-        const QString digits = negative ? "-" + text : text;
-        const qlonglong v = digits.toLongLong(&ok);
-        if (ok) return QVariant(v);
-    }
-    const double d = text.toDouble(&ok);
-    return ok ? QVariant(negative ? -d : d) : QVariant();
-}
-
 // How SQLite writes a float as text: 15 significant digits, with a decimal point always.
 QString realText(double v) {
     if (std::isinf(v)) return v > 0 ? "Inf" : "-Inf";
@@ -235,7 +218,15 @@ QString realText(double v) {
     return s;
 }
 
-// A literal as a column of this affinity stores it.
+// A float that holds an integer becomes that integer, as the engine's numeric affinities make it.
+QVariant integral(double d) {
+    if (d == std::floor(d) && d > -9.2233720368547758e18 && d < 9.2233720368547758e18)
+        return QVariant(qlonglong(d));
+    return QVariant(d);
+}
+
+// A value as a column of this affinity keeps it: numeric affinities turn text that reads as a
+// number into that number (an integer when it holds one), TEXT turns numbers into text.
 QVariant withAffinity(const QVariant& value, SQliteSchema::Affinity affinity) {
     using A = SQliteSchema;
     const int type = int(value.type());
@@ -245,29 +236,22 @@ QVariant withAffinity(const QVariant& value, SQliteSchema::Affinity affinity) {
         return value;
     }
     if (affinity == A::BlobAffinity) return value;
-    QVariant number = value;
-    if (type == QMetaType::QString) {
-        // Text that reads as a decimal number becomes one; anything else stays text.
-        static const QRegularExpression decimal(
-            QStringLiteral("^[+-]?(\\d+\\.?\\d*|\\.\\d+)([eE][+-]?\\d+)?$"));
-        const QString text = value.toString().trimmed();
-        if (!decimal.match(text).hasMatch()) return value;
-        bool ok = false;
-        const qlonglong i = text.toLongLong(&ok);
-        number = ok ? QVariant(i) : QVariant(text.toDouble());
-    }
-    if (int(number.type()) == QMetaType::Double && affinity != A::RealAffinity) {
-        const double d = number.toDouble();
-        if (d == std::floor(d) && std::fabs(d) < 9.2e18) return QVariant(qlonglong(d));
-    }
-    if (int(number.type()) == QMetaType::LongLong && affinity == A::RealAffinity)
-        return QVariant(double(number.toLongLong()));
-    return number;
+    if (type == QMetaType::Double) return integral(value.toDouble());
+    if (type != QMetaType::QString) return value;
+    static const QRegularExpression decimal(QStringLiteral("^[+-]?(\\d+\\.?\\d*|\\.\\d+)([eE][+-]?\\d+)?$"));
+    const QString text = value.toString().trimmed();
+    if (!decimal.match(text).hasMatch()) return value;
+    bool ok = false;
+    const qlonglong i = text.toLongLong(&ok);
+    return ok ? QVariant(i) : integral(text.toDouble());
 }
 
-// The value of a DEFAULT clause that is a literal: a number (signed), a string, a blob, NULL,
-// TRUE or FALSE, a bare word (taken as a string), or one of these in parentheses.
-QVariant literalDefault(const Tokens& t, Span s) {
+// The value a DEFAULT clause gives a row written before its column was added, as the engine
+// works it out from the literal: an integer that fits 32 bits is that integer; any other number
+// is its own text (signed) given the column's affinity, or NUMERIC's for a column without one;
+// a string or a bare word is text given the affinity; also NULL, TRUE, FALSE and blobs, and any
+// of these in parentheses. Anything else gives no value (invalid).
+QVariant literalDefault(const Tokens& t, Span s, SQliteSchema::Affinity affinity) {
     while (s.to - s.from >= 3 && t[s.from].kind == Open && t[s.to - 1].kind == Close &&
            skipGroup(t, s.from, s.to) == s.to) {
         ++s.from;
@@ -282,19 +266,29 @@ QVariant literalDefault(const Tokens& t, Span s) {
     if (s.to - s.from != 1) return QVariant();
     const Token& v = t[s.from];
     switch (v.kind) {
-    case Number:
-        return numberValue(v.text, negative);
+    case Number: {
+        bool small = false;
+        qlonglong value = 0;
+        if (v.text.startsWith("0x", Qt::CaseInsensitive)) {
+            value = v.text.mid(2).toLongLong(&small, 16);
+            small = small && value <= INT32_MAX;
+        } else if (!v.text.contains(QRegularExpression("[.eE]"))) {
+            value = v.text.toLongLong(&small);
+            small = small && value <= INT32_MAX;
+        }
+        if (small) return withAffinity(QVariant(negative ? -value : value), affinity);
+        const QVariant text(QString(negative ? "-" : "") + v.text);
+        return withAffinity(text, affinity == SQliteSchema::BlobAffinity ? SQliteSchema::NumericAffinity
+                                                                         : affinity);
+    }
     case String:
-        return QVariant(v.text);
+    case Word:
+    case Quoted:
+        if (v.is("TRUE") || v.is("FALSE")) return withAffinity(QVariant(qlonglong(v.is("TRUE"))), affinity);
+        if (v.is("NULL") || v.text.startsWith("CURRENT_", Qt::CaseInsensitive)) return QVariant();
+        return withAffinity(QVariant(v.text), affinity);
     case BlobLiteral:
         return QVariant(QByteArray::fromHex(v.text.toLatin1()));
-    case Word:
-        if (v.is("TRUE")) return QVariant(qlonglong(1));
-        if (v.is("FALSE")) return QVariant(qlonglong(0));
-        if (v.is("NULL") || v.text.startsWith("CURRENT_", Qt::CaseInsensitive)) return QVariant();
-        return QVariant(v.text);
-    case Quoted:
-        return QVariant(v.text);
     default:
         return QVariant();
     }
@@ -404,6 +398,7 @@ SQliteSchema::Table SQliteSchema::parseCreateTable(const QString& sql) {
         bool columnLevel;
     };
     QList<Key> primary;
+    QList<QPair<int, Span>> defaults; // by column, worked out once the affinity is known
     bool constraints = false;
     for (const Span& part : parts) {
         if (part.empty()) continue;
@@ -461,7 +456,7 @@ SQliteSchema::Table SQliteSchema::parseCreateTable(const QString& sql) {
                 }
                 const Span value{k + 1, end};
                 column.defaultText = rawText(sql, t, value);
-                column.defaultValue = literalDefault(t, value);
+                defaults.append({int(table.columns.size()), value});
                 k = end;
             } else if (w.is("COLLATE") && k + 1 < part.to) {
                 column.collation = t[k + 1].text;
@@ -492,11 +487,13 @@ SQliteSchema::Table SQliteSchema::parseCreateTable(const QString& sql) {
         if (t[k].is("STRICT")) table.strict = true;
     }
 
-    for (Column& c : table.columns) {
+    for (Column& c : table.columns)
         c.affinity = table.strict && c.declaredType.compare("ANY", Qt::CaseInsensitive) == 0
                          ? BlobAffinity
                          : affinityOf(c.declaredType);
-        if (c.defaultValue.isValid()) c.defaultValue = withAffinity(c.defaultValue, c.affinity);
+    for (const auto& d : defaults) {
+        Column& c = table.columns[d.first];
+        c.defaultValue = literalDefault(t, d.second, c.affinity);
     }
     // The primary key, each column once.
     for (const Key& k : primary) {

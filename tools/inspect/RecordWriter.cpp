@@ -6,6 +6,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 
 namespace inspect {
 
@@ -83,7 +84,76 @@ void appendBlob(QByteArray& out, const QByteArray& bytes, bool json) {
     if (bytes.size() > 64) out += "...(" + QByteArray::number(bytes.size()) + " bytes)";
 }
 
+void appendReal(QByteArray& out, double d, RecordWriter::Format format) {
+    if (std::isnan(d)) {
+        out += format == RecordWriter::Json ? "null" : "NaN";
+        return;
+    }
+    if (std::isinf(d)) {
+        if (d < 0) out += '-';
+        out += format == RecordWriter::Json ? "9.0e999" : "Inf";
+        return;
+    }
+    char digits[32];
+    const auto result = std::to_chars(digits, digits + sizeof digits, d);
+    const int n = int(result.ptr - digits);
+    out.append(digits, n);
+    if (!std::memchr(digits, '.', size_t(n)) && !std::memchr(digits, 'e', size_t(n))) out += ".0";
+}
+
+bool isAscii(const uchar* p, qint64 n) {
+    for (qint64 k = 0; k < n; ++k)
+        if (p[k] >= 0x80) return false;
+    return true;
+}
+
+// The value's text as UTF-8 with the escapes of the format (none in CSV, where a quote doubles).
+void appendTextValue(QByteArray& out, const SQliteValue& v, RecordWriter::Format format) {
+    const bool bytes = v.encoding != 2 && v.encoding != 3 && isAscii(v.data, v.size);
+    out += '"';
+    if (format == RecordWriter::Csv) {
+        const QByteArray text =
+            bytes ? QByteArray::fromRawData(reinterpret_cast<const char*>(v.data), int(v.size))
+                  : v.text().toUtf8();
+        for (char c : text) {
+            out += c;
+            if (c == '"') out += '"';
+        }
+    } else if (bytes) {
+        appendEscaped(out, v.data, int(v.size), format == RecordWriter::Json);
+    } else {
+        appendUtf8(out, v.text(), format == RecordWriter::Json);
+    }
+    out += '"';
+}
+
 } // namespace
+
+void RecordWriter::appendValue(QByteArray& out, const SQliteValue& value, Format format) {
+    switch (value.type) {
+    case SQliteValue::Null:
+        if (format != Csv) out += format == Json ? "null" : "NULL";
+        break;
+    case SQliteValue::Integer:
+        appendNumber(out, value.integer);
+        break;
+    case SQliteValue::Real:
+        appendReal(out, value.real, format);
+        break;
+    case SQliteValue::Text:
+        appendTextValue(out, value, format);
+        break;
+    case SQliteValue::Blob: {
+        const QByteArray bytes =
+            QByteArray::fromRawData(reinterpret_cast<const char*>(value.data), int(value.size));
+        if (format == Csv)
+            out += "x'" + bytes.toHex() + "'";
+        else
+            appendBlob(out, bytes, format == Json);
+        break;
+    }
+    }
+}
 
 // What each format makes of the writer's calls; the writer counts the records and buffers.
 class RecordWriter::Sink {
@@ -97,6 +167,7 @@ public:
     virtual void values(QByteArray& out, qint64 index, const QString& prefix, const QList<QVariant>& values,
                         const char* nullText) = 0;
     virtual void view(QByteArray& out, qint64 index, const SQliteScanner::RecordView& view) = 0;
+    virtual void stored(QByteArray& out, qint64 index, const SQliteTableReader::Row& row) = 0;
     virtual void object(QByteArray& out, qint64 index, std::initializer_list<Field> fields,
                         const QList<QVariant>& values) = 0;
 };
@@ -113,6 +184,16 @@ QList<QVariant> fieldValues(std::initializer_list<RecordWriter::Field> fields,
 
 // Text and blobs of a record read in place straight from its bytes: true when written. Other
 // values, and text that is not plain ASCII in a byte encoding, go through the decoded value.
+// A row as the engine reads it: the rowid when it has one, then the values, separated.
+void appendRow(QByteArray& out, const SQliteTableReader::Row& row, RecordWriter::Format format,
+               const char* separator) {
+    if (row.hasRowid()) appendNumber(out, row.rowid());
+    for (int i = 0; i < row.size(); ++i) {
+        if (i || row.hasRowid()) out += separator;
+        RecordWriter::appendValue(out, row.value(i), format);
+    }
+}
+
 bool appendViewBytes(QByteArray& out, const SQliteScanner::RecordView& view, int i, bool json) {
     const int type = view.serialType(i);
     if (type < 12) return false;
@@ -155,6 +236,10 @@ public:
         }
         out += '\n';
     }
+    void stored(QByteArray& out, qint64, const SQliteTableReader::Row& row) override {
+        appendRow(out, row, RecordWriter::Text, " | ");
+        out += '\n';
+    }
     void object(QByteArray& out, qint64 index, std::initializer_list<RecordWriter::Field> fields,
                 const QList<QVariant>& values) override {
         this->values(out, index, QString(), fieldValues(fields, values), "?");
@@ -178,6 +263,11 @@ public:
             out += ',';
             if (!appendViewBytes(out, view, i, true)) RecordWriter::appendJson(out, view.value(i));
         }
+        out += ']';
+    }
+    void stored(QByteArray& out, qint64 index, const SQliteTableReader::Row& row) override {
+        out += index ? ",\n[" : "\n[";
+        appendRow(out, row, RecordWriter::Json, ",");
         out += ']';
     }
     void object(QByteArray& out, qint64 index, std::initializer_list<RecordWriter::Field> fields,
@@ -227,6 +317,10 @@ public:
             out += ',';
             RecordWriter::appendCsv(out, view.value(i));
         }
+        out += "\r\n";
+    }
+    void stored(QByteArray& out, qint64, const SQliteTableReader::Row& row) override {
+        appendRow(out, row, RecordWriter::Csv, ",");
         out += "\r\n";
     }
     void object(QByteArray& out, qint64, std::initializer_list<RecordWriter::Field> fields,
@@ -285,6 +379,11 @@ void RecordWriter::record(const QList<QVariant>& values) {
 
 void RecordWriter::record(const SQliteScanner::RecordView& view) {
     m_sink->view(m_buffer, m_count++, view);
+    written();
+}
+
+void RecordWriter::record(const SQliteTableReader::Row& row) {
+    m_sink->stored(m_buffer, m_count++, row);
     written();
 }
 

@@ -6,6 +6,8 @@
 #pragma once
 
 #include "SQliteScanner.h"
+#include "SQliteTableReader.h"
+#include "SQliteValue.h"
 
 #include <QByteArray>
 #include <QList>
@@ -37,6 +39,9 @@ public:
     void record(const QList<QVariant>& values);
     // The same for a live record read in place: its rowid, then its values.
     void record(const SQliteScanner::RecordView& view);
+    // A live row as the engine reads it: its rowid when the table has one, then its values (see
+    // appendValue).
+    void record(const SQliteTableReader::Row& row);
     // One record as a JSON object: the named scalar fields, then "values" (left out without
     // values); as text or CSV, the fields' values, then the record's values.
     using Field = std::pair<const char*, QVariant>;
@@ -56,6 +61,13 @@ public:
     // One CSV cell: NULL empty, blobs as x'hex', text quoted when it holds a comma, a quote or a
     // line break.
     static void appendCsv(QByteArray& out, const QVariant& value);
+
+    // A value as SQLite stores it. NULL is NULL in text, null in JSON and an empty CSV field; a
+    // float always shows a point or an exponent, so that it is told from an integer (infinity is
+    // Inf in text and CSV, 9.0e999 in JSON, where a number cannot be infinite); text is quoted
+    // (in CSV always, so that an empty text is told from NULL); a blob is x'hex' in text (its
+    // first 64 bytes) and CSV, base64 in JSON.
+    static void appendValue(QByteArray& out, const SQliteValue& value, Format format);
 
     class Sink;
 

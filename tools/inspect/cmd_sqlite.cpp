@@ -4,8 +4,11 @@
 #include "RecordWriter.h"
 #include "SQliteDbUtil.h"
 #include "SQliteLiveView.h"
+#include "SQliteLoader.h"
 #include "SQliteRecovery.h"
 #include "SQliteScanner.h"
+#include "SQliteSchema.h"
+#include "SQliteTableReader.h"
 
 #include <QElapsedTimer>
 #include <QFileInfo>
@@ -23,39 +26,29 @@ const char* const kPatternHelp = "PATTERN has one character per column: 0-9 exac
                                  "n NULL, s NULL or text.";
 
 // Opens db read-only as the engine would see it: with the write-ahead log or hot journal beside
-// it, unless noWal. Says on stderr what it did with them; on failure prints why and returns false.
-bool openDb(SQliteDbUtil& db, const QString& path, SQliteLiveView& view, bool noWal) {
+// it unless --no-wal, reading what the engine reads unless --documented asks for the documented
+// loader. Says on stderr what it did with the log or journal and what it read past; on failure
+// prints why and returns false.
+bool openDb(SQliteDbUtil& db, const QString& path, SQliteLiveView& view, const Args& args,
+            SQliteLoader::Report* loaded = nullptr) {
     if (!checkInputFile(path)) return false;
-    const bool loaded = view.load(db, path, noWal);
+    const SQliteLoader::Report report =
+        view.open(db, path, args.has("--documented") ? SQliteLoader::Documented : SQliteLoader::LikeTheEngine,
+                  args.has("--no-wal"));
     if (!view.note().isEmpty()) note(view.note());
-    if (loaded) return true;
-    const qint64 size =
-        db.stream && db.stream->device() ? db.stream->device()->size() : QFileInfo(path).size();
-    if (!db.file || !db.file->isOpen()) {
-        fail(path + ": cannot open for reading");
-    } else if (db.header.magic.isEmpty()) {
-        fail(path + ": not an SQLite 3 database");
-    } else if (size != qint64(db.header.pageSize) * db.header.pageCount) {
-        fail(QString("%1: size %2 does not match the header (%3 pages of %4 bytes); "
-                     "a truncated copy, a write-ahead log that is not beside it, or 64 KiB pages, which are "
-                     "not supported")
-                 .arg(path)
-                 .arg(size)
-                 .arg(db.header.pageCount)
-                 .arg(db.header.pageSize));
-    } else {
-        fail(QString("%1: free-list trunk page %2 is not in the file")
-                 .arg(path)
-                 .arg(db.header.firstFreeListTrunk));
-    }
-    return false;
+    for (const QString& tolerated : report.tolerated)
+        note(path + ": " + tolerated);
+    if (!report.ok()) fail(path + ": " + report.reason);
+    if (loaded) *loaded = report;
+    return report.ok();
 }
 
-bool openDb(SQliteDbUtil& db, const QString& path, const Args& args) {
+bool openDb(SQliteDbUtil& db, const QString& path, const Args& args, SQliteLoader::Report* loaded = nullptr) {
     static SQliteLiveView view; // one database a run
-    return openDb(db, path, view, args.has("--no-wal"));
+    return openDb(db, path, view, args, loaded);
 }
 
+// The documented column map by position.
 QStringList columnNames(const SQliteTable& table) {
     QList<QPair<int, QString>> byPosition;
     for (auto it = table.columns.constBegin(); it != table.columns.constEnd(); ++it)
@@ -65,6 +58,45 @@ QStringList columnNames(const SQliteTable& table) {
     for (const auto& p : byPosition)
         names << p.second;
     return names;
+}
+
+// A name as text shows it: control characters escaped, so that every name reads on one line.
+QString shown(const QString& name) {
+    QString s;
+    for (const QChar c : name) {
+        const ushort u = c.unicode();
+        if (u == '\\')
+            s += "\\\\";
+        else if (u == '\n')
+            s += "\\n";
+        else if (u == '\t')
+            s += "\\t";
+        else if (u == '\r')
+            s += "\\r";
+        else if (u < 0x20 || u == 0x7F)
+            s += QString("\\x%1").arg(u, 2, 16, QChar('0'));
+        else
+            s += c;
+    }
+    return s.isEmpty() ? QStringLiteral("\"\"") : s;
+}
+
+// The schema object named name: a table by its exact name, or failing that by the one name that
+// matches it case-insensitively, as SQL names match. sqlite_schema is the schema table's other
+// name.
+const SQliteSchema::Object* findTable(const QList<SQliteSchema::Object>& schema, const QString& name) {
+    const QString wanted = name == QLatin1String("sqlite_schema") ? QStringLiteral("sqlite_master") : name;
+    const SQliteSchema::Object* folded = nullptr;
+    int matches = 0;
+    for (const SQliteSchema::Object& o : schema) {
+        if (o.type != QLatin1String("table")) continue;
+        if (o.name == wanted) return &o;
+        if (o.name.compare(wanted, Qt::CaseInsensitive) == 0) {
+            folded = &o;
+            ++matches;
+        }
+    }
+    return matches == 1 ? folded : nullptr;
 }
 
 QString pageList(const QList<int>& pages) {
@@ -123,9 +155,12 @@ int finishWalk(RecordWriter& writer) {
     return Interrupted;
 }
 
-int runTables(const Args& args) {
-    SQliteDbUtil db;
-    if (!openDb(db, args.positional().at(0), args)) return Failed;
+QString encodingName(qint32 encoding) {
+    return encoding == 2 ? "UTF-16le" : encoding == 3 ? "UTF-16be" : "UTF-8";
+}
+
+// The tables as the documented parseTables registers them.
+int documentedTables(const Args& args, SQliteDbUtil& db) {
     const QList<SQliteTable> tables = db.fetchAllTable();
     if (args.has("--json")) {
         QJsonArray list;
@@ -145,13 +180,6 @@ int runTables(const Args& args) {
         printJson(list);
         return Ok;
     }
-    out(QString("%1 pages of %2 bytes, text encoding %3, %4 free-list pages")
-            .arg(db.header.pageCount)
-            .arg(db.header.pageSize)
-            .arg(db.header.textEncoding == 2   ? "UTF-16le"
-                 : db.header.textEncoding == 3 ? "UTF-16be"
-                                               : "UTF-8")
-            .arg(db.freeListPages.size()));
     for (const SQliteTable& t : tables) {
         out(QString("%1  root %2  leaf pages %3%4")
                 .arg(t.name)
@@ -163,14 +191,94 @@ int runTables(const Args& args) {
     return Ok;
 }
 
-int runRows(const Args& args) {
+int runTables(const Args& args) {
     SQliteDbUtil db;
-    if (!openDb(db, args.positional().at(0), args)) return Failed;
-    const QString name = args.positional().at(1);
+    SQliteLoader::Report loaded;
+    if (!openDb(db, args.positional().at(0), args, &loaded)) return Failed;
+    const bool json = args.has("--json");
+    if (!json)
+        out(QString("%1 pages of %2 bytes, text encoding %3, %4 free-list pages")
+                .arg(loaded.pageCount)
+                .arg(loaded.pageSize)
+                .arg(encodingName(db.header.textEncoding))
+                .arg(db.freeListPages.size()));
+    if (args.has("--documented")) return documentedTables(args, db);
+
+    const bool all = args.has("--all");
+    SQliteScanner scanner(db);
+    QJsonArray list;
+    for (const SQliteSchema::Object& o : SQliteSchema::read(db)) {
+        const bool table = o.type == QLatin1String("table");
+        if (!table && !(all && o.type == QLatin1String("index"))) continue;
+        QList<int> leaves;
+        if (o.rootPage > 0) leaves = scanner.leafPages(o.rootPage);
+        const SQliteSchema::Table& t = o.table;
+        if (json) {
+            QJsonObject item{{"name", o.name}, {"type", o.type}, {"rootPage", o.rootPage}, {"sql", o.sql}};
+            QJsonArray pages;
+            for (int p : leaves)
+                pages.append(p);
+            item["pages"] = pages;
+            if (table) {
+                item["withoutRowid"] = t.withoutRowid;
+                item["strict"] = t.strict;
+                item["virtual"] = t.isVirtual;
+                if (t.isVirtual) item["module"] = t.module;
+                item["columnNames"] = QJsonArray::fromStringList(t.columnNames());
+                QJsonArray columns;
+                for (int i = 0; i < t.columns.size(); ++i) {
+                    const SQliteSchema::Column& c = t.columns.at(i);
+                    QJsonObject column{{"name", c.name},
+                                       {"type", c.declaredType},
+                                       {"affinity", SQliteSchema::affinityName(c.affinity)},
+                                       {"primaryKey", c.primaryKey},
+                                       {"rowid", i == t.rowidAlias}};
+                    if (c.generated != SQliteSchema::NotGenerated)
+                        column["generated"] =
+                            c.generated == SQliteSchema::StoredColumn ? "stored" : "virtual";
+                    columns.append(column);
+                }
+                item["columns"] = columns;
+                if (!t.ok) item["error"] = t.error;
+            } else {
+                item["table"] = o.tableName;
+            }
+            list.append(item);
+            continue;
+        }
+        QStringList traits;
+        if (!table) traits << "index on " + shown(o.tableName);
+        if (t.withoutRowid) traits << "without rowid";
+        if (t.strict) traits << "strict";
+        if (t.isVirtual)
+            traits << "virtual table (module " + shown(t.module) + "): its rows are kept elsewhere";
+        out(QString("%1  root %2  leaf pages %3%4%5")
+                .arg(shown(o.name))
+                .arg(o.rootPage)
+                .arg(leaves.size())
+                .arg(traits.isEmpty() ? QString() : "  (" + traits.join(", ") + ")")
+                .arg(args.has("--pages") ? " [" + pageList(leaves) + "]" : QString()));
+        if (!table) continue;
+        QStringList columns;
+        for (int i = 0; i < t.columns.size(); ++i)
+            columns << shown(t.columns.at(i).name) + (i == t.rowidAlias ? " (rowid)" : "");
+        if (t.ok && !t.isVirtual)
+            out("    columns: " + columns.join(", "));
+        else if (!t.ok)
+            out("    columns: (cannot read the statement: " + t.error + ")");
+    }
+    if (json) printJson(list);
+    return Ok;
+}
+
+// The rows as the documented readings give them: NULL as 0, the documented column map.
+int documentedRows(const Args& args, SQliteDbUtil& db, RecordWriter& writer, const QString& name) {
     if (!db.tables.contains(name))
-        return fail(QString("%1: no table named '%2'").arg(args.positional().at(0), name));
-    RecordWriter writer(args.has("--json"));
-    writer.line("rowid | " + columnNames(db.tables.value(name)).join(" | "));
+        return fail(QString("%1: no table named '%2' in the documented table map")
+                        .arg(args.positional().at(0), name));
+    const QStringList names = QStringList("rowid") + columnNames(db.tables.value(name));
+    writer.line(names.join(" | "));
+    writer.csvRow(QList<QVariant>(names.begin(), names.end()));
     SQliteScanner scanner(db);
     Walk walk(db, scanner);
     walk.setWhat("reading " + name);
@@ -178,7 +286,60 @@ int runRows(const Args& args) {
         writer.record(record);
         return true;
     });
-    writer.line(QString("(%1 rows)").arg(writer.count()));
+    writer.line(QString("(%1 rows)").arg(writer.count() - (writer.format() == RecordWriter::Csv ? 1 : 0)));
+    return finishWalk(writer);
+}
+
+int runRows(const Args& args) {
+    if (args.has("--json") && args.has("--csv")) return fail("rows: choose --json or --csv", Usage);
+    const QString path = args.positional().at(0), name = args.positional().at(1);
+    SQliteDbUtil db;
+    if (!openDb(db, path, args)) return Failed;
+    RecordWriter writer(args.has("--json")  ? RecordWriter::Json
+                        : args.has("--csv") ? RecordWriter::Csv
+                                            : RecordWriter::Text);
+    if (args.has("--documented")) return documentedRows(args, db, writer, name);
+
+    const QList<SQliteSchema::Object> schema = SQliteSchema::read(db);
+    const SQliteSchema::Object* object = findTable(schema, name);
+    if (!object) return fail(QString("%1: no table named '%2'").arg(path, shown(name)));
+    const SQliteSchema::Table& table = object->table;
+    if (table.isVirtual)
+        return fail(
+            QString("%1: '%2' is a virtual table: its rows are kept by its module (%3), in other tables")
+                .arg(path, shown(name), table.module));
+    if (!table.ok)
+        return fail(QString("%1: cannot understand the statement that created '%2': %3")
+                        .arg(path, shown(name), table.error));
+    SQliteTableReader reader(db);
+    reader.setTable(table, object->rootPage);
+    QStringList names = table.columnNames();
+    if (!table.withoutRowid) names.prepend("rowid");
+    QStringList shownNames;
+    for (const QString& n : names)
+        shownNames << shown(n);
+    writer.line(shownNames.join(" | "));
+    writer.csvRow(QList<QVariant>(names.begin(), names.end()));
+    Walk walk(db);
+    walk.setWhat("reading " + shown(name));
+    reader.setProgress(walk.reporter());
+    qint64 rows = 0;
+    reader.forEachRow([&](const SQliteTableReader::Row& row) {
+        writer.record(row);
+        ++rows;
+        return true;
+    });
+    writer.line(QString("(%1 rows)").arg(rows));
+    const SQliteTableReader::Problems p = reader.problems();
+    if (p.any())
+        note(QString("%1: %2 pages, %3 cells and %4 records could not be read, %5 overflow chains break off; "
+                     "the first: %6")
+                 .arg(path)
+                 .arg(p.pages)
+                 .arg(p.cells)
+                 .arg(p.records)
+                 .arg(p.overflows)
+                 .arg(p.first));
     return finishWalk(writer);
 }
 
@@ -233,7 +394,7 @@ int runRecover(const Args& args) {
     if (args.has("--json") && args.has("--csv")) return fail("recover: choose --json or --csv", Usage);
     SQliteDbUtil db;
     SQliteLiveView view;
-    if (!openDb(db, path, view, args.has("--no-wal"))) return Failed;
+    if (!openDb(db, path, view, args)) return Failed;
     if (!db.tables.contains(name)) return fail(QString("%1: no table named '%2'").arg(path, name));
     if (raw) return runRawRecover(args, db);
 
@@ -423,6 +584,10 @@ int runWal(const Args& args) {
 }
 
 const Option kNoWal = {"--no-wal", nullptr, "read the main file alone, not the -wal or -journal beside it"};
+const Option kDocumented = {"--documented", nullptr,
+                            "the library's documented readings instead: loadDb's checks (which refuse\n"
+                            "64 KiB pages, files past 2 GiB and files whose length is not the header's),\n"
+                            "parseTables' column map, NULL as 0 and the 24- and 48-bit quirks"};
 
 const Registration walCommand(
     {"wal",
@@ -434,23 +599,38 @@ const Registration walCommand(
      {{"--json", nullptr, "one JSON array of frames or records"}},
      runWal});
 
-const Registration
-    tablesCommand({"tables",
-                   "DB",
-                   "Lists the tables of an SQLite database read without the engine: name, root page,\n"
-                   "how many leaf pages and the column names.",
-                   {{"--pages", nullptr, "list the leaf pages too"},
-                    kNoWal,
-                    {"--json", nullptr, "one JSON array of tables (with their leaf pages)"}},
-                   runTables});
-const Registration
-    rowsCommand({"rows",
-                 "DB TABLE",
-                 "Prints the live rows of TABLE in rowid order: rowid first, then the columns.\n"
-                 "NULL reads as 0. Rows are printed as they are read, in constant memory.\n"
-                 "Ctrl-C stops and keeps what was printed.",
-                 {kNoWal, {"--json", nullptr, "one JSON array of records (blobs as base64)"}},
-                 runRows});
+const Registration tablesCommand(
+    {"tables",
+     "DB",
+     "Lists the tables of an SQLite database read without the engine, as the engine reads its schema:\n"
+     "the exact name (control characters escaped), root page, how many leaf pages, whether it has no\n"
+     "rowid or is strict, and the column names in declared order (the rowid alias marked).\n"
+     "What the reader read past in a damaged file is said on stderr.",
+     {{"--all", nullptr, "the indexes too, each with its table"},
+      {"--pages", nullptr, "list the leaf pages too"},
+      kNoWal,
+      kDocumented,
+      {"--json", nullptr,
+       "one JSON array of {name, type, rootPage, sql, pages, withoutRowid, strict,\n"
+       "columnNames, columns: [{name, type, affinity, primaryKey, rowid}]}"}},
+     runTables});
+const Registration rowsCommand(
+    {"rows",
+     "DB TABLE",
+     "Prints the live rows of TABLE as the engine reads them: the rowid first, then the columns in\n"
+     "declared order (a table without rowid: its columns alone, in key order). NULL is NULL, integers\n"
+     "are exact, the rowid alias shows the rowid, a REAL column's integral values are floats. TABLE is\n"
+     "the exact name (after -- when it starts with a dash). Rows are printed as they are read, in\n"
+     "constant memory. Ctrl-C stops and keeps what was printed.",
+     {kNoWal,
+      kDocumented,
+      {"--json", nullptr,
+       "one JSON array of rows: integers exact, floats with a point or an exponent,\n"
+       "blobs as base64, NULL as null"},
+      {"--csv", nullptr,
+       "CSV (RFC 4180) with a header line: NULL empty, text always quoted,\n"
+       "blobs as x'hex'"}},
+     runRows});
 const Registration recoverCommand(
     {"recover",
      "DB TABLE [PATTERN]",
@@ -471,6 +651,7 @@ const Registration recoverCommand(
        "affinity, empty"},
       {"--no-free-list", nullptr, "leave the free-list pages out"},
       kNoWal,
+      kDocumented,
       {"--json", nullptr,
        "one JSON array of {page, offset, region, verdict, reasons, rowid, overflow, values}"},
       {"--csv", nullptr, "the same as CSV rows, for spreadsheets (NULL empty, blobs as x'hex')"},
@@ -487,6 +668,7 @@ const Registration freelistCommand(
          .arg(kPatternHelp),
      {{"--with-header", nullptr, "expect a rowid and a header size before the serial types"},
       kNoWal,
+      kDocumented,
       {"--json", nullptr, "one JSON array of {source, values}"}},
      runFreelist});
 
