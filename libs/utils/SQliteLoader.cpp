@@ -93,16 +93,20 @@ SQliteLoader::Report SQliteLoader::load(SQliteDbUtil& db, QSharedPointer<QFile> 
                        .arg(g.pageSize);
     } else {
         if (countValid)
+            r.tolerated << QString(
+                               "the header counts %1, the file holds only %2 whole (the engine calls such a "
+                               "file malformed): the pages it holds are read")
+                               .arg(pagesText(counted))
+                               .arg(wholePages);
+        else if (counted == 0)
             r.tolerated
-                << QString("the header counts %1, the file holds only %2 whole: the pages it holds are read")
-                       .arg(pagesText(counted))
-                       .arg(wholePages);
+                << QString("the header's page count is 0: the file's length gives %1, as the engine takes it")
+                       .arg(pagesText(wholePages));
         else if (counted != wholePages)
             r.tolerated
-                << QString(
-                       "the header's page count (%1) is not valid: its change counter (%2) differs from "
-                       "its version-valid-for number (%3), or it is 0; the file's length gives %4, as the "
-                       "engine takes it")
+                << QString("the header's page count (%1) is stale: its change counter (%2) differs from its "
+                           "version-valid-for number (%3), so the file's length gives %4, as the engine "
+                           "takes it")
                        .arg(counted)
                        .arg(quint32(h.changeCounter))
                        .arg(quint32(h.versionValidFor))
