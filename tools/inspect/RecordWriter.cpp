@@ -115,9 +115,14 @@ void appendTextValue(QByteArray& out, const SQliteValue& v, RecordWriter::Format
         const QByteArray text =
             bytes ? QByteArray::fromRawData(reinterpret_cast<const char*>(v.data), int(v.size))
                   : v.text().toUtf8();
-        for (char c : text) {
-            out += c;
-            if (c == '"') out += '"';
+        const char* p = text.constData();
+        const char* const end = p + text.size();
+        while (p < end) { // every quote doubled
+            const char* quote = static_cast<const char*>(std::memchr(p, '"', size_t(end - p)));
+            const char* stop = quote ? quote + 1 : end;
+            out.append(p, int(stop - p));
+            if (quote) out += '"';
+            p = stop;
         }
     } else if (bytes) {
         appendEscaped(out, v.data, int(v.size), format == RecordWriter::Json);
