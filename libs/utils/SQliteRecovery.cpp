@@ -944,7 +944,7 @@ bool SQliteRecovery::forEach(const Callback& callback) {
     d->loadLive();
     d->loadFreeList();
     QList<QPair<int, bool>> todo; // page, free
-    for (int p : d->db.fetchTablePagesByRootPage(int(d->rootPage)))
+    for (int p : SQliteScanner(d->db).leafPages(d->rootPage))
         todo.append({p, false});
     if (d->freePages) {
         QSet<int> seen;
