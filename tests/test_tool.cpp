@@ -101,3 +101,59 @@ TEST(Tool, TimestampAgainstDate) {
     for (const char* bad : {"12abc", "1e5", "99999999999999999999", "1.0000000001"})
         toolOut({"timestamp", bad}, 1);
 }
+
+namespace {
+
+// Makes property lists with Python's plistlib (python3 PLISTS make DIR), then checks the tool's
+// JSON of each (DIR/NAME.json) against what plistlib wrote and against plistutil's reading of the
+// same file (DIR/NAME.ref.xml), which shows dates in whole seconds (python3 PLISTS check DIR).
+const char* const kPlists = R"PY(
+import base64, datetime, json, plistlib, re, sys
+D = datetime.datetime
+values = {"zebra": 1, "apple": [True, False, "", "grüße 😀"], "int": [-2**63, 2**63 - 1, 2**53 + 1, -1, 0],
+          "uint": [2**63, 2**64 - 1], "real": [0.1, 2.0, -1e300], "dates": [D(1900, 1, 1), D(2200, 6, 1, 12, 30, 15),
+          D(1969, 7, 20, 20, 17, 40), D(2001, 1, 1), D(2023, 3, 8, 20, 26, 40, 250000)],
+          "data": [b"", b"\x00\x01\xff"], "nested": {"z": {}, "a": [[], {"k": "v"}]}}
+binary = dict(values, uid=plistlib.UID(7), big=plistlib.UID(2**32 - 1))
+files = {"values.xml": (values, plistlib.FMT_XML), "values.bplist": (binary, plistlib.FMT_BINARY)}
+def as_json(v):
+    if isinstance(v, dict):
+        return {"UID": v["CF$UID"]} if list(v) == ["CF$UID"] else {k: as_json(x) for k, x in v.items()}
+    if isinstance(v, plistlib.UID): return {"UID": v.data}
+    if isinstance(v, list): return [as_json(x) for x in v]
+    if isinstance(v, bytes): return base64.b64encode(v).decode()
+    if isinstance(v, D): return v.isoformat(timespec="microseconds").rstrip("0").rstrip(".") + "Z"
+    return v
+def whole_seconds(v):
+    if isinstance(v, dict): return {k: whole_seconds(x) for k, x in v.items()}
+    if isinstance(v, list): return [whole_seconds(x) for x in v]
+    return re.sub(r"^([0-9-]+T[0-9:]+)[.][0-9]+Z$", r"\1Z", v) if isinstance(v, str) else v
+for name, (value, fmt) in files.items():
+    path = sys.argv[2] + "/" + name
+    if sys.argv[1] == "make":
+        open(path, "wb").write(plistlib.dumps(value, fmt=fmt, sort_keys=False))
+        continue
+    ours = json.load(open(path + ".json"))
+    reference = as_json(plistlib.load(open(path + ".ref.xml", "rb")))
+    written = as_json(value) if fmt == plistlib.FMT_BINARY else whole_seconds(as_json(value)) # XML: whole seconds
+    for what, expected, got in [("plistlib", written, ours), ("plistutil", reference, whole_seconds(ours))]:
+        if json.dumps(expected) != json.dumps(got):
+            print(name, "differs from", what, json.dumps(expected), json.dumps(got))
+)PY";
+
+} // namespace
+
+TEST(Tool, PlistAgainstPlistutil) {
+    SKIP_WITHOUT("python3", "plistutil");
+    QTemporaryDir dir;
+    programOut("python3", {"-c", kPlists, "make", dir.path()});
+    for (const char* name : {"values.xml", "values.bplist"}) {
+        const QString path = dir.filePath(name);
+        writeFile(path + ".json", toolOut({"plist", path}, 0));
+        writeFile(path + ".ref.xml", programOut("plistutil", {"-i", path, "-f", "xml"}));
+    }
+    EXPECT_EQ(programOut("python3", {"-c", kPlists, "check", dir.path()}).toStdString(), "");
+    // The library's reading: keys sorted, UIDs null, dates as 2001-based seconds.
+    EXPECT_TRUE(
+        toolOut({"plist", dir.filePath("values.bplist"), "--documented"}, 0).contains("\"uid\": null"));
+}

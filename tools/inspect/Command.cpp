@@ -221,6 +221,23 @@ void progress(const QString& text) {
     shown = !text.isEmpty();
 }
 
+QString isoDateTime(qint64 unixSeconds, int nanos, Qt::TimeSpec spec) {
+    const QDateTime at = QDateTime::fromSecsSinceEpoch(unixSeconds, spec);
+    QString text = at.toString("yyyy-MM-ddTHH:mm:ss");
+    if (nanos) {
+        QString fraction = QString::number(nanos).rightJustified(9, '0');
+        while (fraction.endsWith('0'))
+            fraction.chop(1);
+        text += '.' + fraction;
+    }
+    if (spec == Qt::UTC) return text + 'Z';
+    const int offset = at.offsetFromUtc();
+    return text + QString("%1%2:%3")
+                      .arg(offset < 0 ? '-' : '+')
+                      .arg(qAbs(offset) / 3600, 2, 10, QChar('0'))
+                      .arg(qAbs(offset) % 3600 / 60, 2, 10, QChar('0'));
+}
+
 QJsonValue toJson(const QVariant& value) {
     switch (int(value.type())) {
     case QMetaType::UnknownType:

@@ -94,6 +94,10 @@ void out(const QString& line);
 void progress(const QString& text);
 bool stderrIsTerminal();
 
+// ISO-8601 text of an instant, with the fraction of a second when there is one, without the
+// zeros at its end: "2020-09-13T12:26:40.5Z" in UTC, "2020-09-13T08:26:40.5-04:00" in local time.
+QString isoDateTime(qint64 unixSeconds, int nanos, Qt::TimeSpec spec = Qt::UTC);
+
 // JSON rendering used by --json: text as strings, numbers as numbers, blobs as base64,
 // invalid values as null.
 QJsonValue toJson(const QVariant& value);

@@ -59,8 +59,14 @@ void JsonText::value(quint64 number) {
 
 void JsonText::value(double number) {
     item();
-    m_text += std::isfinite(number) ? QByteArray::number(number, 'g', QLocale::FloatingPointShortest)
-                                    : QByteArray("null");
+    if (!std::isfinite(number)) {
+        m_text += "null";
+        return;
+    }
+    // Shortest form that reads back the same; a real stays a real: 2.0, not 2.
+    const QByteArray text = QByteArray::number(number, 'g', QLocale::FloatingPointShortest);
+    m_text += text;
+    if (!text.contains('.') && !text.contains('e')) m_text += ".0";
 }
 
 void JsonText::value(bool b) {

@@ -24,7 +24,7 @@ public:
     void value(qint64 number);
     void value(quint64 number);
     void value(int number) { value(qint64(number)); }
-    void value(double number); // shortest exact form; null when not finite
+    void value(double number); // shortest exact form, 2.0 for two; null when not finite
     void value(bool b);
     void null();
     // A value already written as JSON text.

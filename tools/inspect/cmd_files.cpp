@@ -6,7 +6,6 @@
 #include "OSUtils.h"
 #include "PhoneNumberHelper.h"
 
-#include <QDateTime>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonObject>
@@ -156,24 +155,6 @@ bool readInstant(const QString& text, bool apple, Instant* instant, QString* err
     return true;
 }
 
-// ISO-8601 with the fraction when there is one: "2020-09-13T12:26:40.5Z", "...+02:00" locally.
-QString isoText(const Instant& t, Qt::TimeSpec spec) {
-    const QDateTime at = QDateTime::fromSecsSinceEpoch(t.seconds, spec);
-    QString text = at.toString("yyyy-MM-ddTHH:mm:ss");
-    if (t.nanos) {
-        QString fraction = QString::number(t.nanos).rightJustified(9, '0');
-        while (fraction.endsWith('0'))
-            fraction.chop(1);
-        text += '.' + fraction;
-    }
-    if (spec == Qt::UTC) return text + 'Z';
-    const int offset = at.offsetFromUtc();
-    return text + QString("%1%2:%3")
-                      .arg(offset < 0 ? '-' : '+')
-                      .arg(qAbs(offset) / 3600, 2, 10, QChar('0'))
-                      .arg(qAbs(offset) % 3600 / 60, 2, 10, QChar('0'));
-}
-
 int runDocumentedTimestamp(const Args& args, const QString& text) {
     bool ok = false;
     const qint64 value = text.toLongLong(&ok);
@@ -205,8 +186,8 @@ int runTimestamp(const Args& args) {
     const QString epoch = args.has("--apple") ? "the Apple epoch (2001-01-01 00:00:00 UTC)"
                                               : "the Unix epoch (1970-01-01 00:00:00 UTC)";
     if (!args.has("--json")) {
-        out("UTC:   " + isoText(t, Qt::UTC));
-        out("local: " + isoText(t, Qt::LocalTime));
+        out("UTC:   " + isoDateTime(t.seconds, t.nanos, Qt::UTC));
+        out("local: " + isoDateTime(t.seconds, t.nanos, Qt::LocalTime));
         out(QString("unit:  %1 since %2").arg(unitNames[t.unit], epoch));
         return Ok;
     }
@@ -215,8 +196,8 @@ int runTimestamp(const Args& args) {
     json.member("value", text);
     json.member("unit", units[t.unit]);
     json.member("epoch", args.has("--apple") ? "apple" : "unix");
-    json.member("utc", isoText(t, Qt::UTC));
-    json.member("local", isoText(t, Qt::LocalTime));
+    json.member("utc", isoDateTime(t.seconds, t.nanos, Qt::UTC));
+    json.member("local", isoDateTime(t.seconds, t.nanos, Qt::LocalTime));
     json.endObject();
     printJsonText(json.text());
     return Ok;

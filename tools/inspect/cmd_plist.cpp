@@ -1,5 +1,7 @@
 // plist, archive, mbdb: property lists, keyed archives and the legacy backup index.
 #include "Command.h"
+#include "JsonText.h"
+#include "PlistJson.h"
 
 #include "MbdbUtil.h"
 #include "NSKeyedArchiver.h"
@@ -21,15 +23,35 @@ namespace {
 // the file; printing it would not end in reasonable time, so it is refused past this count.
 constexpr qint64 kMaxPrintedValues = 20 * 1000 * 1000;
 
+// A loaded tree, released when it goes (loaded trees belong to the caller).
+struct Tree {
+    void* root = nullptr;
+    ~Tree() { plist_free(static_cast<plist_t>(root)); }
+};
+
+bool load(const QString& command, const QString& path, Tree* tree) {
+    if (!checkInputFile(path)) return false;
+    if (PlistUtils::loadFromFile(path, tree->root)) return true;
+    fail(QString("%1: %2: not a readable property list (binary or XML)").arg(command, path));
+    return false;
+}
+
+int printPlist(const QString& command, const QString& path, void* node, void* objects) {
+    JsonText json;
+    if (!PlistJson(objects).write(json, node, kMaxPrintedValues))
+        return fail(QString("%1: %2: resolves to more than %3 values; refusing to print it")
+                        .arg(command, path)
+                        .arg(kMaxPrintedValues));
+    printJsonText(json.text());
+    return Ok;
+}
+
 int runPlist(const Args& args) {
     const QString path = args.positional().at(0);
-    if (!checkInputFile(path)) return Failed;
-    void* root = nullptr;
-    if (!PlistUtils::loadFromFile(path, root))
-        return fail(QString("plist: %1: not a readable property list (binary or XML)").arg(path));
-    printJson(PlistUtils::toJson(root));
-    plist_free(static_cast<plist_t>(root)); // loaded trees belong to the caller
-    return Ok;
+    Tree tree;
+    if (!load("plist", path, &tree)) return Failed;
+    if (args.has("--documented")) return printJson(PlistUtils::toJson(tree.root)), Ok;
+    return printPlist("plist", path, tree.root, nullptr);
 }
 
 int runArchive(const Args& args) {
@@ -102,12 +124,16 @@ int runMbdb(const Args& args) {
     return Ok;
 }
 
-Registration regPlist({"plist",
-                       "FILE",
-                       "Prints a property list (binary or XML) as JSON. Dates are seconds since\n"
-                       "2001-01-01 UTC, data is Base64 text, UIDs are null.",
-                       {},
-                       &runPlist});
+Registration
+    regPlist({"plist",
+              "FILE",
+              "Prints a property list (binary or XML) as JSON: dictionaries with their keys in file\n"
+              "order, integers exact (signed, or unsigned above 2^63 - 1, as stored), dates as\n"
+              "ISO-8601 UTC, data as base64, UIDs as {\"UID\": n}.",
+              {{"--documented", nullptr,
+                "the library's reading instead: keys sorted, integers as doubles, dates as\n"
+                "seconds since 2001-01-01 UTC (clamped to 32 bits), UIDs as null"}},
+              &runPlist});
 
 Registration regArchive({"archive",
                          "FILE",
