@@ -157,3 +157,49 @@ TEST(Tool, PlistAgainstPlistutil) {
     EXPECT_TRUE(
         toolOut({"plist", dir.filePath("values.bplist"), "--documented"}, 0).contains("\"uid\": null"));
 }
+
+namespace {
+
+// A keyed archive written with plistlib (python3 ARCHIVE make DIR), and the check of the tool's
+// reading of it (python3 ARCHIVE check DIR, against DIR/archive.bplist.json).
+const char* const kArchive = R"PY(
+import json, plistlib, sys
+from plistlib import UID
+def cls(name): return {"$classname": name, "$classes": [name, "NSObject"]}
+objects = ["$null",
+    {"$class": UID(2), "name": UID(3), "when": UID(4), "tags": UID(6), "attrs": UID(8), "blob": UID(10),
+     "me": UID(1), "gone": UID(99), "nothing": UID(0), "count": 2**64 - 1},
+    cls("Message"), "Anna", {"$class": UID(5), "NS.time": 700000000.5}, cls("NSDate"),
+    {"$class": UID(7), "NS.objects": [UID(3), UID(12)]}, cls("NSMutableArray"),
+    {"$class": UID(9), "NS.keys": [UID(3), UID(12)], "NS.objects": [UID(11), UID(1)]}, cls("NSMutableDictionary"),
+    {"$class": UID(13), "NS.data": b"\x00\x01"}, {"$class": UID(13), "NS.data": b"\xff"},
+    {"$class": UID(14), "NS.string": "grüße"}, cls("NSData"), cls("NSMutableString")]
+archive = {"$version": 100000, "$archiver": "NSKeyedArchiver", "$top": {"root": UID(1)}, "$objects": objects}
+expected = {"root": {"$class": "Message", "name": "Anna", "when": "2023-03-08T20:26:40.5Z", "tags": ["Anna", "grüße"],
+    "attrs": {"$class": "NSMutableDictionary", "Anna": "/w==", "grüße": {"$cycle": {"UID": 1}}}, "blob": "AAE=",
+    "me": {"$cycle": {"UID": 1}}, "gone": {"UID": 99}, "nothing": None, "count": 2**64 - 1}}
+path = sys.argv[2] + "/archive.bplist"
+if sys.argv[1] == "make":
+    open(path, "wb").write(plistlib.dumps(archive, fmt=plistlib.FMT_BINARY, sort_keys=False))
+elif json.dumps(json.load(open(path + ".json"))) != json.dumps(expected):
+    print(open(path + ".json").read())
+)PY";
+
+} // namespace
+
+TEST(Tool, ArchiveResolvesToPlainValues) {
+    SKIP_WITHOUT("python3");
+    QTemporaryDir dir;
+    programOut("python3", {"-c", kArchive, "make", dir.path()});
+    const QString path = dir.filePath("archive.bplist");
+    writeFile(path + ".json", toolOut({"archive", path}, 0));
+    EXPECT_EQ(programOut("python3", {"-c", kArchive, "check", dir.path()}).toStdString(), "");
+    // --root leaves the references as they are; the library's reading resolves them into copies.
+    EXPECT_TRUE(toolOut({"archive", path, "--root"}, 0)
+                    .contains("\"$top\": {\n        \"root\": {\n            \"UID\": 1\n"));
+    EXPECT_TRUE(toolOut({"archive", path, "--documented"}, 0).contains("\"nothing\": \"$null\""));
+    // Any other property list is no archive.
+    const ToolRun plain = runTool({"archive", writeFile(dir, "plain.xml", "<plist><dict/></plist>")});
+    EXPECT_EQ(plain.code, 1);
+    EXPECT_TRUE(plain.err.contains("not a keyed archive")) << plain.err.toStdString();
+}

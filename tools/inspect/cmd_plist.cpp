@@ -56,9 +56,22 @@ int runPlist(const Args& args) {
 
 int runArchive(const Args& args) {
     const QString path = args.positional().at(0);
-    if (!checkInputFile(path)) return Failed;
+    Tree tree;
+    if (!load("archive", path, &tree)) return Failed;
+    void* const objects = PlistUtils::getNode(tree.root, "$objects");
+    void* const top = PlistUtils::getNode(tree.root, "$top");
+    const bool root = args.has("--root");
+    if (!root && (plist_get_node_type(static_cast<plist_t>(objects)) != PLIST_ARRAY ||
+                  plist_get_node_type(static_cast<plist_t>(top)) != PLIST_DICT))
+        return fail(
+            QString("archive: %1: not a keyed archive (no \"$objects\" array and \"$top\" dictionary); "
+                    "plist shows any property list")
+                .arg(path));
+    if (!args.has("--documented"))
+        return printPlist("archive", path, root ? tree.root : top, root ? nullptr : objects);
+
     NSKeyedArchiver archive;
-    const bool loaded = args.has("--root") ? archive.loadRootFromFile(path) : archive.loadFromFile(path);
+    const bool loaded = root ? archive.loadRootFromFile(path) : archive.loadFromFile(path);
     if (!loaded) return fail(QString("archive: %1: not a readable property list (binary or XML)").arg(path));
     if (jsonShape(archive.json(), kMaxPrintedValues).values > kMaxPrintedValues)
         return fail(QString("archive: %1: resolves to more than %2 values; refusing to print it")
@@ -135,14 +148,23 @@ Registration
                 "seconds since 2001-01-01 UTC (clamped to 32 bits), UIDs as null"}},
               &runPlist});
 
-Registration regArchive({"archive",
-                         "FILE",
-                         "Prints a keyed archive as JSON with every object reference resolved: the\n"
-                         "entries of \"$top\", each holding the object graph beneath it.",
-                         {{"--root", nullptr,
-                           "convert the whole property list instead, without resolving "
-                           "references"}},
-                         &runArchive});
+Registration regArchive(
+    {"archive",
+     "FILE",
+     "Prints a keyed archive as JSON: the entries of \"$top\" with every reference resolved. Each\n"
+     "archived object keeps its class name under \"$class\" (first), then its members; NSString,\n"
+     "NSData, NSDate, NSArray, NSSet and NSNull objects become plain strings, base64 data, ISO-8601\n"
+     "UTC dates, arrays and null, and an NSDictionary lists its entries after \"$class\". A reference\n"
+     "back to an object being written further up is {\"$cycle\": {\"UID\": n}}; one to no object\n"
+     "stays {\"UID\": n}. A file that is not a keyed archive is an error.",
+     {{"--root", nullptr,
+       "convert the whole property list instead, without resolving references\n"
+       "(UIDs as {\"UID\": n}); any property list is accepted"},
+      {"--documented", nullptr,
+       "the library's reading instead: references resolved into copies, nothing\n"
+       "interpreted, keys sorted, dates as seconds since 2001, \"$null\" as text; with\n"
+       "--root, UIDs dropped"}},
+     &runArchive});
 
 Registration regMbdb({"mbdb",
                       "FILE",
