@@ -203,3 +203,50 @@ TEST(Tool, ArchiveResolvesToPlainValues) {
     EXPECT_EQ(plain.code, 1);
     EXPECT_TRUE(plain.err.contains("not a keyed archive")) << plain.err.toStdString();
 }
+
+// A message encoded by protoc from a schema and a text message, read without the schema.
+TEST(Tool, ProtobufAgainstProtocDecodeRaw) {
+    SKIP_WITHOUT("protoc");
+    QTemporaryDir dir;
+    writeFile(dir, "m.proto",
+              "syntax = 'proto2'; message Inner { optional int32 id = 1; optional string name = 2; }\n"
+              "message M { optional uint64 big = 1; optional int32 negative = 2; optional sint64 zz = 3;\n"
+              "  optional fixed32 f32 = 4; optional sfixed64 f64 = 5; optional string text = 6;\n"
+              "  optional bytes raw = 7; repeated Inner inner = 8; optional double real = 9;\n"
+              "  optional group G = 10 { optional int32 x = 11; } optional int64 large = 12; }\n");
+    const QString path = writeFile(
+        dir, "m.pb",
+        programOut("protoc", {"--encode=M", "-I", dir.path(), dir.filePath("m.proto")},
+                   "big: 18446744073709551615 negative: -5 zz: -3 f32: 4294967295 f64: -2 text: 'grüße' "
+                   "raw: '\\377\\000\\001' inner { id: 1 name: 'a' } inner { id: 2 } real: 2.5 G { x: 7 } "
+                   "large: 1099511627776"));
+    EXPECT_EQ(toolOut({"protobuf", path}, 0), programOut("protoc", {"--decode_raw"}, readFile(path)));
+    const QByteArray json = toolOut({"protobuf", path, "--json"}, 0);
+    for (const char* part : {"\"varint\": 18446744073709551615", "\"hex\": \"ff0001\"", "\"text\": \"grüße\"",
+                             "\"group\": [\n            {\n                \"field\": 11,\n"})
+        EXPECT_TRUE(json.contains(part)) << part << "\n" << json.toStdString();
+    const std::pair<QStringList, QByteArray> lookups[] = {
+        {{"1"}, "18446744073709551615"},
+        {{"1", "--as", "int"}, "-1"}, // an int32 of -1 is sign-extended to 64 bits
+        {{"2"}, "18446744073709551611"},
+        {{"2", "--as", "int"}, "-5"},
+        {{"3"}, "5"},
+        {{"4", "--as", "int"}, "-1"},
+        {{"5", "--as", "int64"}, "-2"},
+        {{"6"}, "grüße"},
+        {{"7"}, "ff0001"},
+        {{"8.2"}, "a"},
+        {{"8.1"}, "1"},
+        {{"10.11"}, "7"},
+    };
+    for (const auto& [args, value] : lookups)
+        EXPECT_EQ(toolOut(QStringList{"protobuf", path} + args, 0), value + "\n")
+            << args.join(' ').toStdString();
+    for (const char* wrong : {"6.1", "1.1", "99", "8.3"})
+        toolOut({"protobuf", path, wrong}, 1);
+    toolOut({"protobuf", path, "12", "--as", "int"}, 1); // 2^40 does not fit
+    toolOut({"protobuf", path, "1.x"}, 2);
+    // The library's lookup: the low 32 bits, and a path through a number stays at its level.
+    EXPECT_EQ(toolOut({"protobuf", path, "12", "--as", "int", "--documented"}, 0), "0\n");
+    EXPECT_EQ(toolOut({"protobuf", path, "1.2", "--documented"}, 0), "18446744073709551611\n");
+}

@@ -1,5 +1,6 @@
 // manifest, mmkv, protobuf: manifest database blobs, MMKV key-value files and schema-less protobuf.
 #include "Command.h"
+#include "JsonText.h"
 
 #include "DbUtils.h"
 #include "MMKVParser.h"
@@ -8,11 +9,20 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonObject>
+#include <QRegularExpression>
 #include <QSqlError>
 #include <QSqlQuery>
+#include <QTextCodec>
 #include <QUrl>
 
+#include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/text_format.h>
+#include <google/protobuf/unknown_field_set.h>
+
 #include <exception>
+#include <limits>
+#include <memory>
+#include <vector>
 
 using namespace inspect;
 
@@ -143,23 +153,76 @@ int runMmkv(const Args& args) {
     return Ok;
 }
 
-int runProtobuf(const Args& args) {
-    const QString path = args.positional().at(0);
-    const QString fieldPath = args.positional().at(1);
-    const QString as = args.value("--as", "text");
-    if (as != "text" && as != "int" && as != "int64")
-        return fail(QString("protobuf: --as takes text, int or int64, not '%1'").arg(as), Usage);
-    const QString badPath =
-        QString("protobuf: bad path '%1': expected field numbers separated by dots, such as 2.1.3")
-            .arg(fieldPath);
-    // The reader answers an empty part with its default; here it is a usage error like any other.
-    if (fieldPath.split('.').contains(QString())) return fail(badPath, Usage);
-    if (!checkInputFile(path)) return Failed;
+// --- protobuf ---
 
+using google::protobuf::UnknownField;
+using google::protobuf::UnknownFieldSet;
+
+// The nesting that protoc --decode_raw guesses, and its limit of ten levels.
+constexpr int kGuessedLevels = 10;
+
+// Whether length-delimited bytes read as a message, as protoc --decode_raw decides it (not when
+// empty, nor past its budget of levels); *fields then holds them.
+bool readsAsMessage(const std::string& bytes, int budget, UnknownFieldSet* fields) {
+    if (bytes.empty() || budget <= 0) return false;
+    google::protobuf::io::CodedInputStream input(reinterpret_cast<const uint8_t*>(bytes.data()),
+                                                 int(bytes.size()));
+    input.SetRecursionLimit(budget);
+    return fields->ParseFromCodedStream(&input);
+}
+
+// Bytes as text when they are UTF-8, else as hex.
+bool isUtf8(const std::string& bytes) {
+    QTextCodec::ConverterState state;
+    QTextCodec::codecForName("UTF-8")->toUnicode(bytes.data(), int(bytes.size()), &state);
+    return state.invalidChars == 0 && state.remainingChars == 0;
+}
+
+// The fields as a JSON array, in order: {"field", then one of "varint", "fixed32", "fixed64",
+// "message" (the fields inside), "group", "text" or "hex"}.
+void fieldsJson(JsonText& json, const UnknownFieldSet& fields, int budget) {
+    json.beginArray();
+    for (int i = 0; i < fields.field_count(); ++i) {
+        const UnknownField& f = fields.field(i);
+        json.beginObject();
+        json.member("field", f.number());
+        UnknownFieldSet nested;
+        switch (f.type()) {
+        case UnknownField::TYPE_VARINT:
+            json.member("varint", quint64(f.varint()));
+            break;
+        case UnknownField::TYPE_FIXED32:
+            json.member("fixed32", quint64(f.fixed32()));
+            break;
+        case UnknownField::TYPE_FIXED64:
+            json.member("fixed64", quint64(f.fixed64()));
+            break;
+        case UnknownField::TYPE_GROUP:
+            json.key("group");
+            fieldsJson(json, f.group(), budget - 1);
+            break;
+        case UnknownField::TYPE_LENGTH_DELIMITED:
+            if (readsAsMessage(f.length_delimited(), budget, &nested)) {
+                json.key("message");
+                fieldsJson(json, nested, budget - 1);
+            } else if (isUtf8(f.length_delimited())) {
+                json.member("text", QString::fromStdString(f.length_delimited()));
+            } else {
+                json.member("hex",
+                            QString::fromLatin1(QByteArray::fromStdString(f.length_delimited()).toHex()));
+            }
+            break;
+        }
+        json.endObject();
+    }
+    json.endArray();
+}
+
+// The library's lookup, as the command gave it before it showed the file's own values.
+int runDocumentedProtobuf(const QString& path, const QString& fieldPath, const QString& as) {
     RawMessage message;
     if (!message.mergeFile(QFile::encodeName(path).toStdString()))
         return fail(QString("protobuf: %1: not a protobuf message").arg(path));
-
     // The readers answer with the caller's default when nothing is found, so two different
     // defaults tell a missing field from a value that equals one of them.
     QString value;
@@ -178,13 +241,133 @@ int runProtobuf(const Args& args) {
             value = QString::number(v);
         }
     } catch (const std::exception&) {
-        return fail(badPath, Usage);
+        return fail(QString("protobuf: bad path '%1'").arg(fieldPath), Usage);
     }
-    if (!found) {
+    if (!found)
         return fail(QString("protobuf: no field at path '%1' that reads as %2")
                         .arg(fieldPath, as == "text" ? "text" : "an " + as));
-    }
     out(value);
+    return Ok;
+}
+
+const char* wireName(const UnknownField& f) {
+    switch (f.type()) {
+    case UnknownField::TYPE_VARINT:
+        return "varint";
+    case UnknownField::TYPE_FIXED32:
+        return "fixed32";
+    case UnknownField::TYPE_FIXED64:
+        return "fixed64";
+    case UnknownField::TYPE_GROUP:
+        return "group";
+    default:
+        return "length-delimited";
+    }
+}
+
+// The field at the dotted path: through messages (length-delimited fields that read as one)
+// and groups only; the first field of each number.
+int printField(const UnknownFieldSet& top, const QString& fieldPath, const QString& as, bool json) {
+    const QStringList parts = fieldPath.split('.');
+    std::vector<std::unique_ptr<UnknownFieldSet>> kept; // the messages descended into
+    const UnknownFieldSet* fields = &top;
+    for (int p = 0; p < parts.size(); ++p) {
+        const QString at = QStringList(parts.mid(0, p + 1)).join('.');
+        const UnknownField* found = nullptr;
+        for (int i = 0; i < fields->field_count() && !found; ++i)
+            if (QString::number(fields->field(i).number()) == parts.at(p)) found = &fields->field(i);
+        if (!found) return fail(QString("protobuf: no field %1 at %2").arg(parts.at(p), at));
+        const UnknownField& f = *found;
+        if (p + 1 < parts.size()) {
+            if (f.type() == UnknownField::TYPE_GROUP) {
+                fields = &f.group();
+                continue;
+            }
+            kept.push_back(std::make_unique<UnknownFieldSet>());
+            if (f.type() != UnknownField::TYPE_LENGTH_DELIMITED ||
+                !readsAsMessage(f.length_delimited(), std::numeric_limits<int>::max(), kept.back().get()))
+                return fail(QString("protobuf: field %1 %2: there is no %3 inside it")
+                                .arg(at, f.type() == UnknownField::TYPE_LENGTH_DELIMITED
+                                             ? QString("holds bytes that are no message")
+                                             : QString("is a %1, not a message").arg(wireName(f)))
+                                .arg(fieldPath));
+            fields = kept.back().get();
+            continue;
+        }
+        // The value, exact: numbers as stored (or read as the integer --as asks for), bytes as
+        // UTF-8 text or hex.
+        if (f.type() == UnknownField::TYPE_GROUP)
+            return fail(QString("protobuf: field %1 is a group; give a field inside it").arg(fieldPath));
+        JsonText text;
+        text.beginObject();
+        text.member("path", fieldPath);
+        text.member("wire", wireName(f));
+        QString value;
+        if (f.type() == UnknownField::TYPE_LENGTH_DELIMITED) {
+            if (as != "text")
+                return fail(QString("protobuf: field %1 is length-delimited, not an %2").arg(fieldPath, as));
+            const std::string& bytes = f.length_delimited();
+            value = isUtf8(bytes) ? QString::fromStdString(bytes)
+                                  : QString::fromLatin1(QByteArray::fromStdString(bytes).toHex());
+            text.member(isUtf8(bytes) ? "text" : "hex", value);
+        } else {
+            const quint64 raw = f.type() == UnknownField::TYPE_VARINT    ? f.varint()
+                                : f.type() == UnknownField::TYPE_FIXED32 ? f.fixed32()
+                                                                         : f.fixed64();
+            const qint64 signed64 =
+                f.type() == UnknownField::TYPE_FIXED32 ? qint64(qint32(quint32(raw))) : qint64(raw);
+            if (as == "int" && (signed64 < std::numeric_limits<qint32>::min() ||
+                                signed64 > std::numeric_limits<qint32>::max()))
+                return fail(
+                    QString("protobuf: field %1 holds %2, which does not fit in 32 bits (--as int64 reads "
+                            "64 bits)")
+                        .arg(fieldPath)
+                        .arg(raw));
+            value = as == "text" ? QString::number(raw) : QString::number(signed64);
+            as == "text" ? text.member("value", raw) : text.member("value", signed64);
+        }
+        text.endObject();
+        if (!json) return out(value), Ok;
+        printJsonText(text.text());
+        return Ok;
+    }
+    return Ok;
+}
+
+int runProtobuf(const Args& args) {
+    const QString path = args.positional().at(0);
+    const QString fieldPath = args.positional().value(1);
+    const QString as = args.value("--as", "text");
+    const bool hasPath = args.positional().size() > 1;
+    if (as != "text" && as != "int" && as != "int64")
+        return fail(QString("protobuf: --as takes text, int or int64, not '%1'").arg(as), Usage);
+    static const QRegularExpression numbers("^[0-9]+(\\.[0-9]+)*$");
+    if (hasPath && !numbers.match(fieldPath).hasMatch())
+        return fail(
+            QString("protobuf: bad path '%1': expected field numbers separated by dots, such as 2.1.3")
+                .arg(fieldPath),
+            Usage);
+    if (!hasPath && (args.has("--as") || args.has("--documented")))
+        return fail("protobuf: --as and --documented go with a PATH", Usage);
+    if (!checkInputFile(path)) return Failed;
+    if (args.has("--documented")) return runDocumentedProtobuf(path, fieldPath, as);
+
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) return fail(path + ": cannot open for reading");
+    const QByteArray data = file.readAll();
+    UnknownFieldSet fields;
+    if (!fields.ParseFromArray(data.constData(), data.size()))
+        return fail(QString("protobuf: %1: not a protobuf message").arg(path));
+    if (hasPath) return printField(fields, fieldPath, as, args.has("--json"));
+    if (args.has("--json")) {
+        JsonText json;
+        fieldsJson(json, fields, kGuessedLevels);
+        printJsonText(json.text());
+        return Ok;
+    }
+    std::string text;
+    google::protobuf::TextFormat::PrintUnknownFieldsToString(fields, &text);
+    fwrite(text.data(), 1, text.size(), stdout);
     return Ok;
 }
 
@@ -205,13 +388,23 @@ const Registration
                  runMmkv});
 const Registration protobufCommand(
     {"protobuf",
-     "FILE PATH",
-     "Parses FILE as a protocol-buffer message without a schema and prints the field at PATH, a\n"
-     "dotted list of field numbers (2.1.3: field 3 inside field 1 inside field 2). Repeated fields\n"
-     "give their first occurrence; bytes that are not a message keep the lookup at their own level.",
+     "FILE [PATH]",
+     "Parses FILE as a protocol-buffer message without a schema. Without PATH, prints every field as\n"
+     "protoc --decode_raw does, with the same guess of which bytes hold a nested message. With PATH, a\n"
+     "dotted list of field numbers (2.1.3: field 3 inside field 1 inside field 2), prints that field:\n"
+     "numbers exact (unsigned 64-bit as stored), bytes as UTF-8 text or else hex. Repeated fields give\n"
+     "their first occurrence; a path that runs through a number or through bytes that are no message,\n"
+     "or names a field that is not there, is an error.",
      {{"--as", "KIND",
-       "text: decimal text of numbers, raw bytes of length-delimited fields (default)\n"
-       "int: a 32-bit integer; int64: a 64-bit integer (no ZigZag decoding)"}},
+       "with PATH: text (numbers as stored, unsigned; bytes as above; the default), int\n"
+       "(a signed 32-bit integer) or int64 (a signed 64-bit integer); no ZigZag decoding"},
+      {"--json", nullptr,
+       "the fields as a JSON array, in order: {field, then varint, fixed32, fixed64, message\n"
+       "or group (the fields inside), text or hex}; with PATH {path, wire, value, text or hex}"},
+      {"--documented", nullptr,
+       "with PATH: the library's lookup instead (text cut at the first zero byte and\n"
+       "decoded with replacement characters, the low 32 bits for int, a path through a\n"
+       "number or through bytes that are no message looked up at the same level)"}},
      runProtobuf});
 
 } // namespace
