@@ -3,6 +3,9 @@
 #include "TestSupport.h"
 #include "ToolRun.h"
 
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QRegularExpression>
 
 namespace {
@@ -249,4 +252,57 @@ TEST(Tool, ProtobufAgainstProtocDecodeRaw) {
     // The library's lookup: the low 32 bits, and a path through a number stays at its level.
     EXPECT_EQ(toolOut({"protobuf", path, "12", "--as", "int", "--documented"}, 0), "0\n");
     EXPECT_EQ(toolOut({"protobuf", path, "1.2", "--documented"}, 0), "18446744073709551611\n");
+}
+
+namespace {
+
+// Media made by ffmpeg once for the suite, read by the tool and by the reference tools.
+class ToolMedia : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        if (!toolBuilt() || !havePrograms({"ffmpeg", "ffprobe", "file"})) return;
+        dir = new QTemporaryDir;
+        const QStringList video = {"-f",   "lavfi", "-i", "testsrc=duration=2.345:size=32x32:rate=25",
+                                   "-c:v", "mpeg4"};
+        const std::pair<const char*, QStringList> made[] = {
+            {"photo.jpg", {"-f", "lavfi", "-i", "color=c=red:s=16x16", "-frames:v", "1"}},
+            {"clip.mp4",
+             video + QStringList{"-f", "lavfi", "-i", "sine=duration=1.5", "-c:a", "aac", "-shortest"}},
+            {"clip.mov", video},
+            {"tone.m4a", {"-f", "lavfi", "-i", "sine=duration=3.21"}},
+        };
+        for (const auto& [name, args] : made)
+            programOut("ffmpeg", QStringList{"-v", "error", "-y"} + args + QStringList{dir->filePath(name)});
+    }
+    static void TearDownTestSuite() { delete dir; }
+    void SetUp() override {
+        if (!dir) GTEST_SKIP() << "needs utils-inspect, ffmpeg, ffprobe and file";
+    }
+    static QString path(const char* name) { return dir->filePath(name); }
+    static QTemporaryDir* dir;
+};
+QTemporaryDir* ToolMedia::dir = nullptr;
+
+} // namespace
+
+TEST_F(ToolMedia, ClassifyReadsTheContentAsFileDoes) {
+    const QStringList names = {"photo.jpg", "clip.mp4", "clip.mov", "tone.m4a"};
+    QStringList paths;
+    for (const QString& name : names)
+        paths << dir->filePath(name);
+    const QJsonArray results =
+        QJsonDocument::fromJson(toolOut(QStringList{"classify", "--json"} + paths, 0)).array();
+    ASSERT_EQ(results.size(), paths.size());
+    for (int i = 0; i < paths.size(); ++i) {
+        const QJsonObject o = results.at(i).toObject();
+        EXPECT_EQ(o.value("mime").toString().toUtf8(),
+                  programOut("file", {"-b", "--mime-type", paths[i]}).trimmed());
+        EXPECT_EQ(o.value("description").toString().toUtf8(), programOut("file", {"-b", paths[i]}).trimmed());
+        EXPECT_FALSE(o.value("pictureHeader").toBool() ||
+                     o.value("videoHeader").toBool()); // the library's sniff
+    }
+    // A file that cannot be read is an error; the others are still listed.
+    const ToolRun r = runTool({"classify", dir->filePath("missing.jpg"), paths[0]});
+    EXPECT_EQ(r.code, 1);
+    EXPECT_TRUE(r.out.contains("content: image/jpeg, JPEG image data")) << r.out.toStdString();
 }

@@ -6,10 +6,13 @@
 #include "OSUtils.h"
 #include "PhoneNumberHelper.h"
 
+#include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QRegularExpression>
+
+#include <magic.h>
 
 #include <cstdio>
 #include <limits>
@@ -41,42 +44,70 @@ void dropDebug(QtMsgType type, const QMessageLogContext&, const QString& message
     fprintf(stderr, "%s\n", message.toLocal8Bit().constData());
 }
 
+// libmagic's reading of a file's content: its MIME type and its description, as file(1) gives them.
+class ContentSniffer {
+public:
+    ContentSniffer() : m_mime(magic_open(MAGIC_MIME_TYPE)), m_description(magic_open(MAGIC_NONE)) {
+        m_ok = m_mime && m_description && magic_load(m_mime, nullptr) == 0 &&
+               magic_load(m_description, nullptr) == 0;
+    }
+    ~ContentSniffer() {
+        if (m_mime) magic_close(m_mime);
+        if (m_description) magic_close(m_description);
+    }
+    bool ok() const { return m_ok; }
+    QString error() const { return QString::fromLocal8Bit(magic_error(m_mime ? m_mime : m_description)); }
+    QString mime(const QString& path) const { return result(m_mime, path); }
+    QString description(const QString& path) const { return result(m_description, path); }
+
+private:
+    static QString result(magic_t cookie, const QString& path) {
+        const char* text = magic_file(cookie, QFile::encodeName(path).constData());
+        return text ? QString::fromLocal8Bit(text) : QString();
+    }
+    magic_t m_mime, m_description;
+    bool m_ok = false;
+};
+
 int runClassify(const Args& args) {
+    const ContentSniffer sniffer;
+    if (!sniffer.ok()) return fail("classify: libmagic cannot load its database: " + sniffer.error());
     const QtMessageHandler previous = qInstallMessageHandler(dropDebug);
-    QJsonArray results;
+    JsonText json;
+    json.beginArray();
     int code = Ok;
     for (const QString& path : args.positional()) {
-        const QFileInfo info(path);
-        if (!info.exists()) {
-            code = fail(QString("classify: %1: no such file").arg(path));
-            continue;
-        }
-        if (info.isDir()) {
-            code = fail(QString("classify: %1: is a folder").arg(path));
+        if (!checkInputFile(path)) {
+            code = Failed;
             continue;
         }
         const int type = OSUtils::getFileType(path);
         const bool silk = OSUtils::isSilk(path);
         const bool pictureHeader = OSUtils::isPictureMagic(path);
         const bool videoHeader = OSUtils::isVideoMagic(path);
+        const QString mime = sniffer.mime(path), description = sniffer.description(path);
         if (args.has("--json")) {
-            QJsonObject o;
-            o["path"] = path;
-            o["type"] = categoryName(type);
-            o["code"] = type;
-            o["silkCandidate"] = silk;
-            o["pictureHeader"] = pictureHeader;
-            o["videoHeader"] = videoHeader;
-            results.append(o);
+            json.beginObject();
+            json.member("path", path);
+            json.member("type", categoryName(type));
+            json.member("code", type);
+            json.member("silkCandidate", silk);
+            json.member("pictureHeader", pictureHeader);
+            json.member("videoHeader", videoHeader);
+            json.member("mime", mime);
+            json.member("description", description);
+            json.endObject();
         } else {
-            out(QString("%1: %2 (type %3), SILK candidate: %4, picture header: %5, video header: %6")
+            out(QString("%1: %2 (type %3), SILK candidate: %4, picture header: %5, video header: %6; "
+                        "content: %7, %8")
                     .arg(path, categoryName(type))
                     .arg(type)
-                    .arg(yesNo(silk), yesNo(pictureHeader), yesNo(videoHeader)));
+                    .arg(yesNo(silk), yesNo(pictureHeader), yesNo(videoHeader), mime, description));
         }
     }
+    json.endArray();
     qInstallMessageHandler(previous);
-    if (args.has("--json")) printJson(results);
+    if (args.has("--json")) printJsonText(json.text());
     return code;
 }
 
@@ -203,13 +234,18 @@ int runTimestamp(const Args& args) {
     return Ok;
 }
 
-Registration classifyReg({"classify",
-                          "FILE...",
-                          "Sorts files into picture, audio, video or other by their suffix, tells whether\n"
-                          "the suffix makes a SILK voice-note candidate, and looks for a picture or video\n"
-                          "type word in the first bytes of each file (10 and 32 bytes).",
-                          {{"--json", nullptr, "one JSON object per file"}},
-                          &runClassify});
+Registration
+    classifyReg({"classify",
+                 "FILE...",
+                 "Sorts files into picture, audio, video or other by their suffix, tells whether\n"
+                 "the suffix makes a SILK voice-note candidate, and looks for a picture or video\n"
+                 "type word in the first bytes of each file (10 and 32 bytes), as the library does.\n"
+                 "Then reads the content with libmagic, as file(1) does: its MIME type and its\n"
+                 "description. A file that cannot be read is an error; the others are still listed.",
+                 {{"--json", nullptr,
+                   "one array of {path, type, code, silkCandidate, pictureHeader, videoHeader,\n"
+                   "mime, description}"}},
+                 &runClassify});
 
 Registration phoneReg({"phone",
                        "NUMBER...",
