@@ -306,3 +306,29 @@ TEST_F(ToolMedia, ClassifyReadsTheContentAsFileDoes) {
     EXPECT_EQ(r.code, 1);
     EXPECT_TRUE(r.out.contains("content: image/jpeg, JPEG image data")) << r.out.toStdString();
 }
+
+TEST_F(ToolMedia, DurationToTheMillisecondAsFfprobeReadsIt) {
+    for (const char* name : {"clip.mp4", "clip.mov", "tone.m4a"}) {
+        // ffprobe gives seconds with six decimals: the microseconds FFmpeg holds.
+        const QByteArray seconds = programOut(
+            "ffprobe", {"-v", "error", "-show_entries", "format=duration", "-of", "csv=p=0", path(name)});
+        const qint64 us = QByteArray(seconds.trimmed()).replace(".", "").toLongLong();
+        ASSERT_GT(us, 1000000) << name;
+        const qint64 ms = (us + 500) / 1000;
+        EXPECT_EQ(toolOut({"duration", path(name)}, 0), QString("00:00:%1.%2 (%3 ms)\n")
+                                                            .arg(ms / 1000, 2, 10, QChar('0'))
+                                                            .arg(ms % 1000, 3, 10, QChar('0'))
+                                                            .arg(ms)
+                                                            .toUtf8())
+            << name;
+        EXPECT_TRUE(toolOut({"duration", path(name), "--json"}, 0)
+                        .contains("\"milliseconds\": " + QByteArray::number(ms)));
+        EXPECT_EQ(toolOut({"duration", path(name), "--documented"}, 0),
+                  QString("00:00:%1\n").arg((us + 5000) / 1000000, 2, 10, QChar('0')).toUtf8());
+    }
+    // A voice note: every frame counts 20 ms; the library leaves the first two out, in whole seconds.
+    const QString voice = writeFile(*dir, "voice.slk", silkNote(64, true));
+    EXPECT_EQ(toolOut({"duration", voice}, 0), "00:00:01.280 (1280 ms)\n");
+    EXPECT_EQ(toolOut({"duration", voice, "--documented", "--format", "mm:ss"}, 0), "00:01\n");
+    toolOut({"duration", writeFile(*dir, "notes.txt", "no media")}, 1);
+}

@@ -1,5 +1,6 @@
 // duration, gzip, gunzip, aes: media play lengths, gzip/zlib streams and AES-CBC.
 #include "Command.h"
+#include "JsonText.h"
 
 #include "CrypteHelper.h"
 #include "GZipCompressor.h"
@@ -9,6 +10,11 @@
 #include <QFileInfo>
 #include <QJsonObject>
 #include <QRegularExpression>
+
+extern "C" {
+#include <libavformat/avformat.h>
+#include <libavutil/log.h>
+}
 
 #include <cstdio>
 #include <fcntl.h>
@@ -80,27 +86,44 @@ QString inputName(const QString& path) {
 
 // --- duration ---
 
-bool hasSilkHeader(const QString& path) {
+// A SILK voice note's play length: 20 ms for each whole frame after the header (a frame is a
+// 2-byte little-endian length, then that many bytes); -1 when the header is not there.
+qint64 silkMilliseconds(const QString& path) {
     QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) return false;
-    const QByteArray head = file.read(10);
-    return head.startsWith("\x02#!SILK_V3") || (head.size() >= 9 && head.mid(1, 8) == "!SILK_V3");
+    if (!file.open(QIODevice::ReadOnly)) return -1;
+    const QByteArray bytes = file.readAll();
+    if (!bytes.startsWith("\x02#!SILK_V3") && bytes.mid(1, 8) != "!SILK_V3") return -1;
+    qint64 frames = 0;
+    for (int at = bytes.at(0) == '\x02' ? 10 : 9; at + 2 <= bytes.size(); ++frames) {
+        at += 2 + (uchar(bytes.at(at)) | uchar(bytes.at(at + 1)) << 8);
+        if (at > bytes.size()) break; // cut short: not a whole frame
+    }
+    return frames * 20;
 }
 
-int runDuration(const Args& args) {
-    const QString path = args.positional().at(0);
+// The container's duration as FFmpeg reads it, in microseconds; on failure prints why and
+// returns -1.
+qint64 ffmpegMicroseconds(const QString& path) {
+    av_log_set_level(AV_LOG_QUIET); // its diagnostics would only repeat the line below
+    AVFormatContext* context = nullptr;
+    if (avformat_open_input(&context, QFile::encodeName(path).constData(), nullptr, nullptr) != 0)
+        return fail(path + ": FFmpeg cannot open it as media"), -1;
+    qint64 duration = -1;
+    if (avformat_find_stream_info(context, nullptr) < 0)
+        fail(path + ": FFmpeg finds no stream information");
+    else if (context->duration == AV_NOPTS_VALUE)
+        fail(path + ": FFmpeg finds no duration in it");
+    else
+        duration = context->duration;
+    avformat_close_input(&context);
+    return duration;
+}
+
+// The library's reading: a time of day in the given pattern, whole seconds, the first two
+// frames of a voice note not counted.
+int runDocumentedDuration(const Args& args, const QString& path, const QString& name, bool silk) {
     const QString format = args.value("--format", "hh:mm:ss");
     if (format.isEmpty()) return fail("duration: --format needs a pattern such as mm:ss", Usage);
-    if (!checkInputFile(path)) return Failed;
-    const QFileInfo info(path);
-    const QString name = args.value("--name", info.fileName());
-
-    const bool silk = OSUtils::isSilk(name);
-    if (silk && !hasSilkHeader(path))
-        return fail(QString("%1: not a SILK voice note, though the name %2 says so; give --name with another "
-                            "suffix (e.g. --name voice.3gp) to measure it through FFmpeg")
-                        .arg(path, name));
-
     // FFmpeg writes its own diagnostics to stderr; keep them out of the one-line error below.
     fflush(stderr);
     const int savedStderr = dup(STDERR_FILENO);
@@ -119,12 +142,48 @@ int runDuration(const Args& args) {
         if (message.startsWith("find stream info failed"))
             return fail(path + ": FFmpeg finds no stream information");
     }
-
     if (args.has("--json")) {
         printJson(QJsonObject{{"file", path}, {"name", name}, {"silk", silk}, {"duration", text}});
     } else {
         out(text);
     }
+    return Ok;
+}
+
+int runDuration(const Args& args) {
+    const QString path = args.positional().at(0);
+    if (!checkInputFile(path)) return Failed;
+    const QString name = args.value("--name", QFileInfo(path).fileName());
+    const bool silk = OSUtils::isSilk(name);
+    const qint64 silkMs = silk ? silkMilliseconds(path) : -1;
+    if (silk && silkMs < 0)
+        return fail(QString("%1: not a SILK voice note, though the name %2 says so; give --name with another "
+                            "suffix (e.g. --name voice.3gp) to measure it through FFmpeg")
+                        .arg(path, name));
+    if (args.has("--documented")) return runDocumentedDuration(args, path, name, silk);
+    if (args.has("--format")) return fail("duration: --format goes with --documented", Usage);
+
+    qint64 ms = silkMs;
+    if (!silk) {
+        const qint64 us = ffmpegMicroseconds(path);
+        if (us < 0) return Failed;
+        ms = (us + 500) / 1000;
+    }
+    const QString text = QString("%1:%2:%3.%4")
+                             .arg(ms / 3600000, 2, 10, QChar('0'))
+                             .arg(ms / 60000 % 60, 2, 10, QChar('0'))
+                             .arg(ms / 1000 % 60, 2, 10, QChar('0'))
+                             .arg(ms % 1000, 3, 10, QChar('0'));
+    if (!args.has("--json")) return out(QString("%1 (%2 ms)").arg(text).arg(ms)), Ok;
+    JsonText json;
+    json.beginObject();
+    json.member("file", path);
+    json.member("name", name);
+    json.member("silk", silk);
+    json.member("milliseconds", ms);
+    json.member("duration", text);
+    json.endObject();
+    printJsonText(json.text());
     return Ok;
 }
 
@@ -238,12 +297,18 @@ const Option kForce = {"--force", nullptr, "overwrite OUT if it exists (the inpu
 const Registration durationCommand(
     {"duration",
      "FILE",
-     "Prints the play length of a voice note, audio or video file as a time of day (it wraps at 24 h).\n"
-     "Names ending in .amr, .aud or .slk are measured as SILK voice notes (20 ms a frame, the first two\n"
-     "frames not counted); everything else by the container duration that FFmpeg reads.",
+     "Prints the play length of a voice note, audio or video file to the millisecond, as HH:MM:SS.mmm and\n"
+     "in milliseconds. Names ending in .amr, .aud or .slk are measured as SILK voice notes (20 ms for\n"
+     "each whole frame); everything else by the container duration that FFmpeg reads, in microseconds,\n"
+     "rounded to the millisecond.",
      {{"--name", "NAME", "decide the kind by NAME instead of FILE (for files stored under a hash)"},
-      {"--format", "FMT", "time pattern, default hh:mm:ss (mm:ss, h:mm:ss.zzz, ...)"},
-      {"--json", nullptr, "{file, name, silk, duration}"}},
+      {"--documented", nullptr,
+       "the library's reading instead: a time of day (it wraps at 24 h) in whole seconds,\n"
+       "the first two frames of a voice note not counted"},
+      {"--format", "FMT", "with --documented: time pattern, default hh:mm:ss (mm:ss, h:mm:ss.zzz, ...)"},
+      {"--json", nullptr,
+       "{file, name, silk, milliseconds, duration}; with --documented {file, name, silk,\n"
+       "duration}"}},
      runDuration});
 const Registration
     gzipCommand({"gzip",
