@@ -332,3 +332,54 @@ TEST_F(ToolMedia, DurationToTheMillisecondAsFfprobeReadsIt) {
     EXPECT_EQ(toolOut({"duration", voice, "--documented", "--format", "mm:ss"}, 0), "00:01\n");
     toolOut({"duration", writeFile(*dir, "notes.txt", "no media")}, 1);
 }
+
+// What a command cannot read is refused with one line and exit 1, and no output is written over.
+TEST(Tool, BadInputIsRefused) {
+    SKIP_WITHOUT("python3");
+    QTemporaryDir dir;
+    const QByteArray entry = QByteArray::fromHex("01046e616d650504416e6e61"); // name = "Anna"
+    const QByteArray header("mbdb\5\0", 6);
+    const QByteArray record = QByteArray::fromHex("000a486f6d65446f6d61696e0005612e747874ffffffffffff81a4") +
+                              QByteArray(37, '\1') +
+                              QByteArray(1, '\0'); // 65 bytes, no properties // no properties
+    const QString gz = writeFile(dir, "t.gz", deflated("evidence", 31));
+    const QString db = dir.filePath("Manifest.db");
+    programOut("python3",
+               {"-c",
+                "import sqlite3, sys; c = sqlite3.connect(sys.argv[1]); c.execute('CREATE TABLE Files "
+                "(fileID TEXT, file BLOB)'); c.execute(\"INSERT INTO Files VALUES ('abc', x'0102')\"); "
+                "c.commit()",
+                db});
+    const QString existing = writeFile(dir, "existing", "keep");
+    const struct {
+        QStringList args;
+        const char* message;
+    } refused[] = {
+        {{"mmkv", writeFile(dir, "random", randomBytes(300, 7))}, "runs past the end of the file"},
+        {{"mmkv", writeFile(dir, "past", QByteArray::fromHex("0d000000") + entry)}, "runs past the end"},
+        {{"mmkv", writeFile(dir, "empty.mmkv", QByteArray::fromHex("0400000000000000"))}, "no entry"},
+        {{"gunzip", writeFile(dir, "empty.gz", "")}, "empty"},
+        {{"gunzip", writeFile(dir, "cut.gz", readFile(gz).left(12))}, "not a complete gzip stream"},
+        {{"mbdb", writeFile(dir, "cut.mbdb", header + record + record.left(30))},
+         "cut short in a record at offset 71, after 1 whole records"},
+        {{"mbdb", writeFile(dir, "header.mbdb", "mbdb")}, "cut short in the header"},
+        {{"manifest", db, "abc", "--out", existing}, "exists (--force overwrites it)"},
+        {{"gunzip", gz, existing}, "exists"},
+    };
+    for (const auto& r : refused) {
+        const ToolRun run = runTool(r.args);
+        EXPECT_EQ(run.code, 1) << r.args.join(' ').toStdString();
+        EXPECT_TRUE(run.err.contains(r.message) && run.err.count('\n') == 1) << run.err.toStdString();
+        EXPECT_TRUE(run.out.isEmpty()) << run.out.toStdString();
+    }
+    EXPECT_EQ(readFile(existing), "keep");
+    // Whole input is read, and --force writes over an output; --documented shows the library's reading.
+    EXPECT_TRUE(toolOut({"mmkv", writeFile(dir, "ok.mmkv", QByteArray::fromHex("0c000000") + entry)}, 0)
+                    .contains("Anna"));
+    EXPECT_EQ(toolOut({"mbdb", writeFile(dir, "ok.mbdb", header + record)}, 0).count('\n'), 1);
+    EXPECT_TRUE(
+        toolOut({"mbdb", dir.filePath("cut.mbdb"), "--documented"}, 0).contains("1970-01-01T00:00:00Z"));
+    EXPECT_TRUE(toolOut({"mmkv", dir.filePath("past"), "--documented"}, 0).contains("Anna"));
+    toolOut({"manifest", db, "abc", "--out", existing, "--force"}, 0);
+    EXPECT_EQ(readFile(existing), "\1\2");
+}

@@ -189,6 +189,21 @@ bool checkInputFile(const QString& path) {
     return true;
 }
 
+bool isStdio(const QString& path) {
+    return path.isEmpty() || path == "-";
+}
+
+bool checkOutputFile(const QString& input, const QString& output, bool force) {
+    if (isStdio(output)) return true;
+    const QFileInfo target(output);
+    if (!isStdio(input) && target.exists() &&
+        target.canonicalFilePath() == QFileInfo(input).canonicalFilePath())
+        return fail(output + ": is the input file; it is never written"), false;
+    if (target.isDir()) return fail(output + ": is a folder"), false;
+    if (target.exists() && !force) return fail(output + ": exists (--force overwrites it)"), false;
+    return true;
+}
+
 int fail(const QString& message, int code) {
     progress(QString());
     const QByteArray line = ("utils-inspect: " + message.simplified() + "\n").toUtf8();

@@ -84,6 +84,12 @@ private:
 // "is a folder", "cannot open for reading") and returns false.
 bool checkInputFile(const QString& path);
 
+// Whether path stands for standard input or output: empty or "-".
+bool isStdio(const QString& path);
+// Refuses (printing why) to write output over the input or, without force, over any existing
+// file; standard output is always fine.
+bool checkOutputFile(const QString& input, const QString& output, bool force);
+
 // One line "utils-inspect: <message>" on stderr; returns code.
 int fail(const QString& message, int code = Failed);
 // The same line for something the user should know that is no failure.

@@ -63,11 +63,8 @@ void printHexDump(const QByteArray& data) {
 int readManifest(const QString& dbPath, const QString& fileId, const Args& args) {
     const QString outPath = args.value("--out");
     if (args.has("--out")) {
-        if (outPath.isEmpty()) return fail("manifest: --out needs a file name", Usage);
-        const QFileInfo target(outPath);
-        if (target.exists() && target.canonicalFilePath() == QFileInfo(dbPath).canonicalFilePath())
-            return fail("manifest: refusing to write over the database itself", Usage);
-        if (target.isDir()) return fail(QString("manifest: %1: is a folder").arg(outPath), Usage);
+        if (isStdio(outPath)) return fail("manifest: --out needs a file name", Usage);
+        if (!checkOutputFile(dbPath, outPath, args.has("--force"))) return Failed;
     }
 
     QSqlDatabase db = DbUtils::dataBase(MANIFESTDB, dbPath);
@@ -127,18 +124,45 @@ int runManifest(const Args& args) {
     return code;
 }
 
+// What makes a file no MMKV store the reader can read: shorter than its header, a declared
+// content length that runs past the end of the file, or no entry at all. Empty when it is readable.
+QString mmkvFault(const QByteArray& data, const MMKVParser& store) {
+    if (data.size() <= 4) return QString("%1 bytes is too short for an MMKV file").arg(data.size());
+    const quint32 declared = quint32(uchar(data.at(0))) | quint32(uchar(data.at(1))) << 8 |
+                             quint32(uchar(data.at(2))) << 16 | quint32(uchar(data.at(3))) << 24;
+    if (quint64(declared) + 4 > quint64(data.size()))
+        return QString("its declared content of %1 bytes runs past the end of the file (%2 bytes)")
+            .arg(declared)
+            .arg(data.size());
+    if (store.m_entries.isEmpty()) return "no entry in it";
+    return QString();
+}
+
 int runMmkv(const Args& args) {
     const QString path = args.positional().at(0);
     if (!checkInputFile(path)) return Failed;
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) return fail(path + ": cannot open for reading");
+    const QByteArray data = file.readAll();
+    MMKVParser store{QString()}; // nothing to load from an empty path; the bytes come next
+    store.loadFromData(data);
+    const QString fault = mmkvFault(data, store);
+    if (!fault.isEmpty() && !args.has("--documented"))
+        return fail(QString("mmkv: %1: %2 (--documented shows what the library reads)").arg(path, fault));
 
-    MMKVParser store(path);
-    QJsonObject json;
+    JsonText json;
+    json.beginObject();
     for (auto it = store.m_entries.cbegin(); it != store.m_entries.cend(); ++it) {
         const QString hex = QString::fromLatin1(it.value().toHex());
         const int number = store.getInt(it.key());
         const QString text = store.getString(it.key());
         if (args.has("--json")) {
-            json[it.key()] = QJsonObject{{"hex", hex}, {"int", number}, {"string", text}};
+            json.key(it.key());
+            json.beginObject();
+            json.member("hex", hex);
+            json.member("int", number);
+            json.member("string", text);
+            json.endObject();
         } else {
             out(QString("%1 hex=%2 int=%3 string=%4")
                     .arg(toText(it.key()), hex)
@@ -146,8 +170,9 @@ int runMmkv(const Args& args) {
                     .arg(toText(text)));
         }
     }
+    json.endObject();
     if (args.has("--json"))
-        printJson(json);
+        printJsonText(json.text());
     else if (store.m_entries.isEmpty())
         out("no entries");
     return Ok;
@@ -377,14 +402,18 @@ const Registration
                      "Reads the blob stored for FILEID in the table Files of a backup manifest database\n"
                      "(opened read-only) and prints it as a hex dump.",
                      {{"--out", "FILE", "write the raw blob to FILE instead"},
+                      {"--force", nullptr, "with --out: overwrite FILE if it exists (never the database)"},
                       {"--json", nullptr, "print {fileID, size, data} with the data in base64"}},
                      runManifest});
 const Registration
     mmkvCommand({"mmkv",
                  "FILE",
                  "Lists every key of a plain MMKV key-value file with its raw value in hex and\n"
-                 "its readings as an integer (varint) and as a string (length-prefixed UTF-8).",
-                 {{"--json", nullptr, "one JSON object: key -> {hex, int, string}"}},
+                 "its readings as an integer (varint) and as a string (length-prefixed UTF-8).\n"
+                 "A file shorter than its header, whose declared content length runs past its end, or that\n"
+                 "yields no entry is an error.",
+                 {{"--documented", nullptr, "list what the library reads even from such a file"},
+                  {"--json", nullptr, "one JSON object: key -> {hex, int, string}"}},
                  runMmkv});
 const Registration protobufCommand(
     {"protobuf",

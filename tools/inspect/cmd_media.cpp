@@ -30,10 +30,6 @@ void collectMessage(QtMsgType, const QMessageLogContext&, const QString& text) {
     g_libraryMessages << text;
 }
 
-bool isStdio(const QString& path) {
-    return path.isEmpty() || path == "-";
-}
-
 // Reads a whole file, or stdin for "" and "-". On failure prints why and returns false.
 bool readInput(const QString& path, QByteArray* data) {
     QFile file;
@@ -47,18 +43,6 @@ bool readInput(const QString& path, QByteArray* data) {
     *data = file.readAll();
     if (file.error() != QFileDevice::NoError)
         return fail((isStdio(path) ? "standard input" : path) + ": read error"), false;
-    return true;
-}
-
-// Refuses to write over the input or, without --force, over any existing file.
-bool checkOutput(const QString& input, const QString& output, bool force) {
-    if (isStdio(output)) return true;
-    const QFileInfo target(output);
-    if (!isStdio(input) && target.exists() &&
-        target.canonicalFilePath() == QFileInfo(input).canonicalFilePath())
-        return fail(output + ": is the input file; it is never written"), false;
-    if (target.isDir()) return fail(output + ": is a folder"), false;
-    if (target.exists() && !force) return fail(output + ": exists (--force overwrites it)"), false;
     return true;
 }
 
@@ -196,7 +180,7 @@ int runGzip(const Args& args) {
     const int level = args.value("--level", "-1").toInt(&ok);
     if (!ok) return fail("gzip: --level takes a number from 0 to 9 (-1: zlib's default)", Usage);
     if (binaryToTerminal(output)) return fail("gzip: will not write compressed data to a terminal", Usage);
-    if (!checkOutput(input, output, args.has("--force"))) return Failed;
+    if (!checkOutputFile(input, output, args.has("--force"))) return Failed;
     QByteArray data;
     if (!readInput(input, &data)) return Failed;
     QByteArray packed;
@@ -211,9 +195,11 @@ int runGunzip(const Args& args) {
     if (autodetect && partial) return fail("gunzip: --partial does not go with --auto", Usage);
     const QString input = args.positional().value(0);
     const QString output = args.positional().value(1);
-    if (!checkOutput(input, output, args.has("--force"))) return Failed;
+    if (!checkOutputFile(input, output, args.has("--force"))) return Failed;
     QByteArray data;
     if (!readInput(input, &data)) return Failed;
+    // The library takes an empty input for an empty stream; it holds no stream at all.
+    if (data.isEmpty()) return fail(inputName(input) + ": empty, no compressed stream in it");
 
     QByteArray plain;
     bool complete = false;
@@ -271,7 +257,7 @@ int runAes(const Args& args) {
     const bool hex = args.has("--hex");
     if (mode == "encrypt" && !hex && binaryToTerminal(output))
         return fail("aes: will not write cipher text to a terminal (--hex prints it as hex)", Usage);
-    if (!checkOutput(input, output, args.has("--force"))) return Failed;
+    if (!checkOutputFile(input, output, args.has("--force"))) return Failed;
     QByteArray data;
     if (!readInput(input, &data)) return Failed;
 
@@ -321,7 +307,8 @@ const Registration gunzipCommand(
     {"gunzip",
      "[IN [OUT]]",
      "Inflates the gzip stream in IN (default: standard input) to OUT (default: standard output).\n"
-     "Bytes after the end of the stream are ignored; a cut or damaged stream is an error.",
+     "Bytes after the end of the stream are ignored; an empty input, or a cut or damaged stream, is an "
+     "error.",
      {{"--zlib", nullptr, "the input is a zlib-wrapped stream (HTTP \"deflate\") instead of gzip"},
       {"--auto", nullptr, "accept either wrapper"},
       {"--partial", nullptr, "on a cut or damaged stream, still write what was inflated before the error"},

@@ -110,12 +110,49 @@ QJsonObject recordJson(const MbdbRecord& r) {
     return o;
 }
 
+// Where a backup index is cut short: the offset of the first record, or of the header, that
+// runs past the end of the file (then *records counts the whole records before it); -1 when
+// every record is whole. Only the lengths are read: strings and data are a 16-bit length
+// (0xFFFF for none) and their bytes, then 40 bytes of fixed fields and the properties.
+qint64 mbdbCut(const QByteArray& data, int* records) {
+    *records = 0;
+    if (data.size() < 6) return 0;
+    const auto u16 = [&data](qint64 at) {
+        return quint16(uchar(data.at(int(at))) << 8 | uchar(data.at(int(at) + 1)));
+    };
+    for (qint64 at = 6; at < data.size(); ++*records) {
+        const qint64 start = at;
+        // Skips one length-prefixed field; false when it runs past the end.
+        const auto field = [&] {
+            if (at + 2 > data.size()) return false;
+            const quint16 n = u16(at);
+            at += 2 + (n == 0xFFFF ? 0 : n);
+            return at <= data.size();
+        };
+        bool whole = field() && field() && field() && field() && field() && (at += 40) <= data.size();
+        for (int p = whole ? uchar(data.at(int(at) - 1)) : 0; whole && p > 0; --p)
+            whole = field() && field();
+        if (!whole) return start;
+    }
+    return -1;
+}
+
 int runMbdb(const Args& args) {
     const QString path = args.positional().at(0);
     if (!checkInputFile(path)) return Failed;
     MbdbUtil index;
     if (!index.loadDb(path))
         return fail(QString("mbdb: %1: not a backup index (no \"mbdb\" signature)").arg(path));
+    QFile file(path);
+    int whole = 0;
+    const qint64 cut = file.open(QIODevice::ReadOnly) ? mbdbCut(file.readAll(), &whole) : 0;
+    if (cut >= 0 && !args.has("--documented"))
+        return fail(
+            QString("mbdb: %1: cut short in %2 at offset %3, after %4 whole records (--documented shows "
+                    "what the library reads)")
+                .arg(path, cut < 6 ? "the header" : "a record")
+                .arg(cut)
+                .arg(whole));
     const QList<QSharedPointer<MbdbRecord>> records = index.fetchRecords();
     if (args.has("--json")) {
         QJsonArray array;
@@ -169,8 +206,12 @@ Registration regArchive(
 Registration regMbdb({"mbdb",
                       "FILE",
                       "Lists the records of a legacy backup index (\"mbdb\"), one per line:\n"
-                      "fileId, mode (octal), size, last-modified time (UTC), domain, path [-> link].",
-                      {{"--json", nullptr,
+                      "fileId, mode (octal), size, last-modified time (UTC), domain, path [-> link].\n"
+                      "An index cut short, in its header or in a record, is an error.",
+                      {{"--documented", nullptr,
+                        "list what the library reads even from a cut index (the cut record\n"
+                        "completed with zeros and empty fields)"},
+                       {"--json", nullptr,
                         "print all records as a JSON array (fileId, domain, path, linkTarget,\n"
                         "size, mode, times, properties and the other fields)"}},
                       &runMbdb});
