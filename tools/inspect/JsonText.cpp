@@ -84,6 +84,19 @@ void JsonText::raw(const QByteArray& json) {
     m_text += json;
 }
 
+void printJsonObject(const QList<QPair<QString, QVariant>>& members) {
+    JsonText json;
+    json.beginObject();
+    for (const auto& m : members) {
+        json.key(m.first);
+        QByteArray value;
+        RecordWriter::appendJson(value, m.second);
+        json.raw(value);
+    }
+    json.endObject();
+    printJsonText(json.text());
+}
+
 void printJsonText(const QByteArray& json) {
     int depth = 0, deepest = 0;
     bool inString = false;

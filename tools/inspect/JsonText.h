@@ -4,7 +4,10 @@
 #pragma once
 
 #include <QByteArray>
+#include <QList>
+#include <QPair>
 #include <QString>
+#include <QVariant>
 
 #include <vector>
 
@@ -49,6 +52,10 @@ private:
     bool m_afterKey = false;
     qint64 m_values = 0;
 };
+
+// Prints one flat JSON object: the members in the order given, each value as
+// RecordWriter::appendJson writes it (64-bit integers exact, text escaped, blobs in base64).
+void printJsonObject(const QList<QPair<QString, QVariant>>& members);
 
 // Prints JSON text to stdout with a final newline: indented by four spaces a level, or compact
 // when nested deeper than 32 levels, where the indentation would outgrow the values.

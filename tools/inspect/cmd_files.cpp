@@ -194,14 +194,10 @@ int runDocumentedTimestamp(const Args& args, const QString& text) {
     if (format.isEmpty()) return fail("timestamp: the format is empty", Usage);
     const QString result = DateUtils::timestampConvert(value, format, args.has("--apple"));
     if (!args.has("--json")) return out(result), Ok;
-    JsonText json;
-    json.beginObject();
-    json.member("value", QString::number(value));
-    json.member("appleEpoch", args.has("--apple"));
-    json.member("format", format);
-    json.member("text", result);
-    json.endObject();
-    printJsonText(json.text());
+    printJsonObject({{"value", QString::number(value)},
+                     {"appleEpoch", args.has("--apple")},
+                     {"format", format},
+                     {"text", result}});
     return Ok;
 }
 
@@ -222,15 +218,11 @@ int runTimestamp(const Args& args) {
         out(QString("unit:  %1 since %2").arg(unitNames[t.unit], epoch));
         return Ok;
     }
-    JsonText json;
-    json.beginObject();
-    json.member("value", text);
-    json.member("unit", units[t.unit]);
-    json.member("epoch", args.has("--apple") ? "apple" : "unix");
-    json.member("utc", isoDateTime(t.seconds, t.nanos, Qt::UTC));
-    json.member("local", isoDateTime(t.seconds, t.nanos, Qt::LocalTime));
-    json.endObject();
-    printJsonText(json.text());
+    printJsonObject({{"value", text},
+                     {"unit", units[t.unit]},
+                     {"epoch", args.has("--apple") ? "apple" : "unix"},
+                     {"utc", isoDateTime(t.seconds, t.nanos, Qt::UTC)},
+                     {"local", isoDateTime(t.seconds, t.nanos, Qt::LocalTime)}});
     return Ok;
 }
 

@@ -323,18 +323,14 @@ int printField(const UnknownFieldSet& top, const QString& fieldPath, const QStri
         // UTF-8 text or hex.
         if (f.type() == UnknownField::TYPE_GROUP)
             return fail(QString("protobuf: field %1 is a group; give a field inside it").arg(fieldPath));
-        JsonText text;
-        text.beginObject();
-        text.member("path", fieldPath);
-        text.member("wire", wireName(f));
-        QString value;
+        QList<QPair<QString, QVariant>> members{{"path", fieldPath}, {"wire", wireName(f)}};
         if (f.type() == UnknownField::TYPE_LENGTH_DELIMITED) {
             if (as != "text")
                 return fail(QString("protobuf: field %1 is length-delimited, not an %2").arg(fieldPath, as));
             const std::string& bytes = f.length_delimited();
-            value = isUtf8(bytes) ? QString::fromStdString(bytes)
-                                  : QString::fromLatin1(QByteArray::fromStdString(bytes).toHex());
-            text.member(isUtf8(bytes) ? "text" : "hex", value);
+            members.append({isUtf8(bytes) ? "text" : "hex",
+                            isUtf8(bytes) ? QString::fromStdString(bytes)
+                                          : QString::fromLatin1(QByteArray::fromStdString(bytes).toHex())});
         } else {
             const quint64 raw = f.type() == UnknownField::TYPE_VARINT    ? f.varint()
                                 : f.type() == UnknownField::TYPE_FIXED32 ? f.fixed32()
@@ -348,13 +344,10 @@ int printField(const UnknownFieldSet& top, const QString& fieldPath, const QStri
                             "64 bits)")
                         .arg(fieldPath)
                         .arg(raw));
-            value = as == "text" ? QString::number(raw) : QString::number(signed64);
-            as == "text" ? text.member("value", raw) : text.member("value", signed64);
+            members.append({"value", as == "text" ? QVariant(raw) : QVariant(signed64)});
         }
-        text.endObject();
-        if (!json) return out(value), Ok;
-        printJsonText(text.text());
-        return Ok;
+        if (json) return printJsonObject(members), Ok;
+        return out(members.last().second.toString()), Ok;
     }
     return Ok;
 }

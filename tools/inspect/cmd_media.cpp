@@ -159,15 +159,8 @@ int runDuration(const Args& args) {
                              .arg(ms / 1000 % 60, 2, 10, QChar('0'))
                              .arg(ms % 1000, 3, 10, QChar('0'));
     if (!args.has("--json")) return out(QString("%1 (%2 ms)").arg(text).arg(ms)), Ok;
-    JsonText json;
-    json.beginObject();
-    json.member("file", path);
-    json.member("name", name);
-    json.member("silk", silk);
-    json.member("milliseconds", ms);
-    json.member("duration", text);
-    json.endObject();
-    printJsonText(json.text());
+    printJsonObject(
+        {{"file", path}, {"name", name}, {"silk", silk}, {"milliseconds", ms}, {"duration", text}});
     return Ok;
 }
 
