@@ -257,7 +257,7 @@ TEST(Tool, ProtobufAgainstProtocDecodeRaw) {
 namespace {
 
 // Media made by ffmpeg once for the suite, read by the tool and by the reference tools.
-class ToolMedia : public ::testing::Test {
+class MediaFromFfmpeg : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
         if (!toolBuilt() || !havePrograms({"ffmpeg", "ffprobe", "file"})) return;
@@ -281,11 +281,11 @@ protected:
     static QString path(const char* name) { return dir->filePath(name); }
     static QTemporaryDir* dir;
 };
-QTemporaryDir* ToolMedia::dir = nullptr;
+QTemporaryDir* MediaFromFfmpeg::dir = nullptr;
 
 } // namespace
 
-TEST_F(ToolMedia, ClassifyReadsTheContentAsFileDoes) {
+TEST_F(MediaFromFfmpeg, ClassifyReadsTheContentAsFileDoes) {
     const QStringList names = {"photo.jpg", "clip.mp4", "clip.mov", "tone.m4a"};
     QStringList paths;
     for (const QString& name : names)
@@ -307,7 +307,7 @@ TEST_F(ToolMedia, ClassifyReadsTheContentAsFileDoes) {
     EXPECT_TRUE(r.out.contains("content: image/jpeg, JPEG image data")) << r.out.toStdString();
 }
 
-TEST_F(ToolMedia, DurationToTheMillisecondAsFfprobeReadsIt) {
+TEST_F(MediaFromFfmpeg, DurationToTheMillisecondAsFfprobeReadsIt) {
     for (const char* name : {"clip.mp4", "clip.mov", "tone.m4a"}) {
         // ffprobe gives seconds with six decimals: the microseconds FFmpeg holds.
         const QByteArray seconds = programOut(
