@@ -52,7 +52,7 @@ protected:
              QByteArray::fromHex("6d6264620500000a486f6d65446f6d61696e0005612e747874ffffffffffff81a4"
                                  "01010101010101010101010101010101010101010101010101010101"
                                  "0000000000000009030100016b000176")},
-            {"mmkv.default", QByteArray::fromHex("1000000001046e616d650504416e6e61")}, // name = "Anna"
+            {"mmkv.default", QByteArray::fromHex("0c00000001046e616d650504416e6e61")}, // name = "Anna"
             {"message.pb", QByteArray::fromHex("0a0568656c6c6f109601")},               // 1: "hello", 2: 150
             {"voice.slk", silkNote(60, true)},
             {"3f2a9c", silkNote(152, true)},

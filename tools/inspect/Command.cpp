@@ -189,6 +189,21 @@ bool checkInputFile(const QString& path) {
     return true;
 }
 
+bool isStdio(const QString& path) {
+    return path.isEmpty() || path == "-";
+}
+
+bool checkOutputFile(const QString& input, const QString& output, bool force) {
+    if (isStdio(output)) return true;
+    const QFileInfo target(output);
+    if (!isStdio(input) && target.exists() &&
+        target.canonicalFilePath() == QFileInfo(input).canonicalFilePath())
+        return fail(output + ": is the input file; it is never written"), false;
+    if (target.isDir()) return fail(output + ": is a folder"), false;
+    if (target.exists() && !force) return fail(output + ": exists (--force overwrites it)"), false;
+    return true;
+}
+
 int fail(const QString& message, int code) {
     progress(QString());
     const QByteArray line = ("utils-inspect: " + message.simplified() + "\n").toUtf8();
@@ -219,6 +234,23 @@ void progress(const QString& text) {
     fwrite(bytes.constData(), 1, size_t(bytes.size()), stderr);
     fflush(stderr);
     shown = !text.isEmpty();
+}
+
+QString isoDateTime(qint64 unixSeconds, int nanos, Qt::TimeSpec spec) {
+    const QDateTime at = QDateTime::fromSecsSinceEpoch(unixSeconds, spec);
+    QString text = at.toString("yyyy-MM-ddTHH:mm:ss");
+    if (nanos) {
+        QString fraction = QString::number(nanos).rightJustified(9, '0');
+        while (fraction.endsWith('0'))
+            fraction.chop(1);
+        text += '.' + fraction;
+    }
+    if (spec == Qt::UTC) return text + 'Z';
+    const int offset = at.offsetFromUtc();
+    return text + QString("%1%2:%3")
+                      .arg(offset < 0 ? '-' : '+')
+                      .arg(qAbs(offset) / 3600, 2, 10, QChar('0'))
+                      .arg(qAbs(offset) % 3600 / 60, 2, 10, QChar('0'));
 }
 
 QJsonValue toJson(const QVariant& value) {

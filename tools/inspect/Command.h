@@ -84,6 +84,12 @@ private:
 // "is a folder", "cannot open for reading") and returns false.
 bool checkInputFile(const QString& path);
 
+// Whether path stands for standard input or output: empty or "-".
+bool isStdio(const QString& path);
+// Refuses (printing why) to write output over the input or, without force, over any existing
+// file; standard output is always fine.
+bool checkOutputFile(const QString& input, const QString& output, bool force);
+
 // One line "utils-inspect: <message>" on stderr; returns code.
 int fail(const QString& message, int code = Failed);
 // The same line for something the user should know that is no failure.
@@ -93,6 +99,10 @@ void out(const QString& line);
 // Progress on stderr, only when stderr is a terminal. An empty text clears the line.
 void progress(const QString& text);
 bool stderrIsTerminal();
+
+// ISO-8601 text of an instant, with the fraction of a second when there is one, without the
+// zeros at its end: "2020-09-13T12:26:40.5Z" in UTC, "2020-09-13T08:26:40.5-04:00" in local time.
+QString isoDateTime(qint64 unixSeconds, int nanos, Qt::TimeSpec spec = Qt::UTC);
 
 // JSON rendering used by --json: text as strings, numbers as numbers, blobs as base64,
 // invalid values as null.

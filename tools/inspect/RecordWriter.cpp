@@ -218,6 +218,16 @@ bool appendViewBytes(QByteArray& out, const SQliteScanner::RecordView& view, int
     return true;
 }
 
+// A record read in place: its rowid, then each of its values after the separator.
+void appendView(QByteArray& out, const SQliteScanner::RecordView& view, const char* separator, bool json) {
+    appendNumber(out, view.rowid());
+    for (int i = 0; i < view.size(); ++i) {
+        out += separator;
+        if (appendViewBytes(out, view, i, json)) continue;
+        json ? RecordWriter::appendJson(out, view.value(i)) : RecordWriter::appendText(out, view.value(i));
+    }
+}
+
 class TextSink : public RecordWriter::Sink {
 public:
     void line(QByteArray& out, const QString& text) override {
@@ -234,11 +244,7 @@ public:
         out += '\n';
     }
     void view(QByteArray& out, qint64, const SQliteScanner::RecordView& view) override {
-        appendNumber(out, view.rowid());
-        for (int i = 0; i < view.size(); ++i) {
-            out += " | ";
-            if (!appendViewBytes(out, view, i, false)) RecordWriter::appendText(out, view.value(i));
-        }
+        appendView(out, view, " | ", false);
         out += '\n';
     }
     void stored(QByteArray& out, qint64, const SQliteTableReader::Row& row) override {
@@ -263,11 +269,7 @@ public:
     }
     void view(QByteArray& out, qint64 index, const SQliteScanner::RecordView& view) override {
         out += index ? ",\n[" : "\n[";
-        appendNumber(out, view.rowid());
-        for (int i = 0; i < view.size(); ++i) {
-            out += ',';
-            if (!appendViewBytes(out, view, i, true)) RecordWriter::appendJson(out, view.value(i));
-        }
+        appendView(out, view, ",", true);
         out += ']';
     }
     void stored(QByteArray& out, qint64 index, const SQliteTableReader::Row& row) override {
