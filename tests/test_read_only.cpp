@@ -177,8 +177,9 @@ TEST_F(ReadOnly, ToolCommands) {
         {{"recover", "chat.db", "message", "iissii", "--raw", "--with-header", "--free-list"}, 0, ""},
         {{"recover", "chat.db", "message", "--all", "--csv"},
          0,
-         "page,offset,region,version,verdict,reasons,rowid,overflow,id,chat_id,sender,body,sent_at,"
-         "is_from_me\r\n"},
+         "table,dropped,page,offset,region,version,verdict,reasons,rowid,overflow,ambiguous,rebuilt,id,chat_"
+         "id,"
+         "sender,body,sent_at,is_from_me\r\n"},
         {{"recover", "chat.db", "message", "--all", "--csv"}, 0, ",held,live,"},
         {{"freelist", "chat.db", "is"}, 0, "free-list pages: [11,12]"},
         {{"tables", "wal.db"}, 0, "columns: id (rowid), body", 1},

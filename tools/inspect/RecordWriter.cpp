@@ -431,7 +431,7 @@ void RecordWriter::appendCsv(QByteArray& out, const QVariant& value) {
         break;
     }
     case QMetaType::Double:
-        out += QByteArray::number(value.toDouble(), 'g', 17);
+        appendReal(out, value.toDouble(), Csv);
         break;
     default:
         out += value.toString().toUtf8();
@@ -457,7 +457,7 @@ void RecordWriter::appendText(QByteArray& out, const QVariant& value, const char
         out += '"';
         break;
     case QMetaType::Double:
-        out += QByteArray::number(value.toDouble(), 'g', 17);
+        appendReal(out, value.toDouble(), Text);
         break;
     default:
         out += value.toString().toUtf8();
@@ -485,12 +485,9 @@ void RecordWriter::appendJson(QByteArray& out, const QVariant& value) {
         out += value.toBool() ? "true" : "false";
         break;
     case QMetaType::Double:
-    case QMetaType::Float: {
-        const double d = value.toDouble();
-        out += std::isfinite(d) ? QByteArray::number(d, 'g', QLocale::FloatingPointShortest)
-                                : QByteArray("null");
+    case QMetaType::Float:
+        appendReal(out, value.toDouble(), Json);
         break;
-    }
     case QMetaType::QString:
         appendJsonString(out, value.toString());
         break;

@@ -207,14 +207,23 @@ int runTables(const Args& args) {
     const bool all = args.has("--all");
     SQliteScanner scanner(db);
     QJsonArray list;
-    for (const SQliteSchema::Object& o : SQliteSchema::read(db)) {
+    QList<SQliteSchema::Object> objects;
+    if (args.has("--dropped")) {
+        SQliteRecovery recovery(db);
+        objects = recovery.droppedObjects();
+    } else {
+        objects = SQliteSchema::read(db);
+    }
+    const bool dropped = args.has("--dropped");
+    for (const SQliteSchema::Object& o : objects) {
         const bool table = o.type == QLatin1String("table");
-        if (!table && !(all && o.type == QLatin1String("index"))) continue;
+        if (!table && !((all || dropped) && o.type == QLatin1String("index"))) continue;
         QList<int> leaves;
-        if (o.rootPage > 0) leaves = scanner.leafPages(o.rootPage);
+        if (o.rootPage > 0 && !dropped) leaves = scanner.leafPages(o.rootPage);
         const SQliteSchema::Table& t = o.table;
         if (json) {
             QJsonObject item{{"name", o.name}, {"type", o.type}, {"rootPage", o.rootPage}, {"sql", o.sql}};
+            if (dropped) item["dropped"] = true;
             QJsonArray pages;
             for (int p : leaves)
                 pages.append(p);
@@ -247,6 +256,7 @@ int runTables(const Args& args) {
             continue;
         }
         QStringList traits;
+        if (dropped) traits << "dropped: its CREATE statement lies in free space";
         if (!table) traits << "index on " + shown(o.tableName);
         if (t.withoutRowid) traits << "without rowid";
         if (t.strict) traits << "strict";
@@ -380,10 +390,11 @@ int runRawRecover(const Args& args, SQliteDbUtil& db) {
 }
 
 int runRecover(const Args& args) {
-    const QString path = args.positional().at(0), name = args.positional().at(1),
+    const QString path = args.positional().at(0), name = args.positional().value(1),
                   pattern = args.positional().value(2);
-    const bool raw = args.has("--raw");
-    if (raw && !checkPattern(pattern)) return Usage;
+    const bool raw = args.has("--raw"), every = args.positional().size() < 2;
+    if (raw && (every || !checkPattern(pattern)))
+        return every ? fail("recover: --raw needs TABLE and PATTERN", Usage) : Usage;
     for (const char* option : {"--with-header", "--free-list"})
         if (!raw && args.has(option))
             return fail(
@@ -395,56 +406,81 @@ int runRecover(const Args& args) {
     SQliteDbUtil db;
     SQliteLiveView view;
     if (!openDb(db, path, view, args)) return Failed;
-    if (!db.tables.contains(name)) return fail(QString("%1: no table named '%2'").arg(path, name));
-    if (raw) return runRawRecover(args, db);
+    if (raw) {
+        if (!db.tables.contains(name))
+            return fail(
+                QString("%1: no table named '%2' in the documented table map").arg(path, shown(name)));
+        return runRawRecover(args, db);
+    }
 
     SQliteRecovery recovery(db);
     recovery.setLiveView(&view);
     // A table that cannot be searched is the input's fault; a pattern that does not fit it, the user's.
-    if (!recovery.setTable(name)) return fail(QString("%1: %2").arg(path, recovery.error()));
-    if (!recovery.setTable(name, pattern)) return fail(QString("%1: %2").arg(path, recovery.error()), Usage);
+    if (every) {
+        recovery.setAllTables();
+    } else {
+        if (!recovery.setTable(name)) return fail(QString("%1: %2").arg(path, recovery.error()));
+        if (!recovery.setTable(name, pattern))
+            return fail(QString("%1: %2").arg(path, recovery.error()), Usage);
+    }
     recovery.setHeldIncluded(args.has("--all"));
     recovery.setFreePagesSearched(!args.has("--no-free-list"));
     const RecordWriter::Format format = args.has("--json")  ? RecordWriter::Json
                                         : args.has("--csv") ? RecordWriter::Csv
                                                             : RecordWriter::Text;
     RecordWriter writer(format);
-    const QStringList columns = recovery.columnNames();
-    writer.line(QString("-- %1: columns %2; pattern %3").arg(name, columns.join(", "), recovery.pattern()));
-    if (format == RecordWriter::Csv) {
-        QList<QVariant> head{"page",    "offset",  "region", "version",
-                             "verdict", "reasons", "rowid",  "overflow"};
+    QList<QVariant> head{"table",   "dropped", "page",  "offset",   "region",    "version",
+                         "verdict", "reasons", "rowid", "overflow", "ambiguous", "rebuilt"};
+    if (every) {
+        writer.line("-- every table, live and dropped; a record goes to the table it fits best");
+        for (const SQliteSchema::Object& o : recovery.droppedObjects())
+            if (o.type == QLatin1String("table"))
+                writer.line(QString("-- dropped table %1 (root page %2): columns %3")
+                                .arg(shown(o.name))
+                                .arg(o.rootPage)
+                                .arg(recovery.columnNames(o.name).join(", ")));
+        head << "values...";
+    } else {
+        const QStringList columns = recovery.columnNames();
+        writer.line(QString("-- %1: columns %2; pattern %3")
+                        .arg(shown(name), columns.join(", "), recovery.pattern()));
         for (const QString& c : columns)
             head << c;
-        writer.csvRow(head);
     }
+    writer.csvRow(head);
     Walk walk(db);
-    walk.setWhat("searching " + name);
+    walk.setWhat(every ? QString("searching every table") : "searching " + shown(name));
     recovery.setProgress(walk.reporter());
     recovery.forEach([&](const SQliteRecovery::Record& r) {
         const QVariant rowid = r.rowidKnown ? QVariant(r.rowid) : QVariant();
         const QString overflow = SQliteRecovery::overflowName(r.overflow);
         if (format != RecordWriter::Text) {
-            writer.object({{"page", r.page},
+            writer.object({{"table", r.table},
+                           {"dropped", r.dropped},
+                           {"page", r.page},
                            {"offset", r.offset},
                            {"region", SQliteRecovery::regionName(r.region)},
                            {"version", r.version.isEmpty() ? QString("live") : r.version},
                            {"verdict", SQliteRecovery::verdictName(r.verdict)},
                            {"reasons", r.reasons},
                            {"rowid", rowid},
-                           {"overflow", overflow.isEmpty() ? QVariant() : QVariant(overflow)}},
+                           {"overflow", overflow.isEmpty() ? QVariant() : QVariant(overflow)},
+                           {"ambiguous", r.ambiguous.isEmpty() ? QVariant() : QVariant(r.ambiguous)},
+                           {"rebuilt", r.rebuilt.isEmpty() ? QVariant() : QVariant(r.rebuilt)}},
                           r.values);
-        } else {
-            QString where = QString("page %1, offset %2, %3")
-                                .arg(r.page)
-                                .arg(r.offset)
-                                .arg(SQliteRecovery::regionName(r.region));
-            if (r.verdict != SQliteRecovery::Recovered)
-                where += ", " + SQliteRecovery::verdictName(r.verdict);
-            if (!r.reasons.isEmpty()) where += " (" + r.reasons.join(", ") + ")";
-            if (!overflow.isEmpty()) where += ", overflow " + overflow;
-            writer.textRecord(where + ": ", r.values, "NULL");
+            return true;
         }
+        QString where = QString("page %1, offset %2, %3")
+                            .arg(r.page)
+                            .arg(r.offset)
+                            .arg(SQliteRecovery::regionName(r.region));
+        if (every || r.dropped) where = shown(r.table) + (r.dropped ? " (dropped)" : "") + ", " + where;
+        if (!r.ambiguous.isEmpty()) where += ", or " + r.ambiguous.join(" or ");
+        if (r.verdict != SQliteRecovery::Recovered) where += ", " + SQliteRecovery::verdictName(r.verdict);
+        if (!r.reasons.isEmpty()) where += " (" + r.reasons.join(", ") + ")";
+        if (!overflow.isEmpty()) where += ", overflow " + overflow;
+        if (!r.rebuilt.isEmpty()) where += ", start rebuilt";
+        writer.textRecord(where + ": ", r.values, "NULL");
         return true;
     });
     const SQliteRecovery::Summary s = recovery.summary();
@@ -607,6 +643,9 @@ const Registration tablesCommand(
      "rowid or is strict, and the column names in declared order (the rowid alias marked).\n"
      "What the reader read past in a damaged file is said on stderr.",
      {{"--all", nullptr, "the indexes too, each with its table"},
+      {"--dropped", nullptr,
+       "the tables and indexes whose CREATE statements lie in free space but that the\n"
+       "schema no longer holds as they were (dropped, or dropped and created again)"},
       {"--pages", nullptr, "list the leaf pages too"},
       kNoWal,
       kDocumented,
@@ -633,13 +672,16 @@ const Registration rowsCommand(
      runRows});
 const Registration recoverCommand(
     {"recover",
-     "DB TABLE [PATTERN]",
+     "DB [TABLE [PATTERN]]",
      QString(
-         "Recovers the deleted records of TABLE from the unallocated gaps and freeblocks of its leaf pages\n"
-         "and from the free-list pages. Each record is whole (its header, serial types and values fit\n"
-         "where it lies), has its values in declared column order (NULL as NULL, the rowid alias filled\n"
-         "when the cell's rowid survives) and comes with its page, offset, region and verdict; records\n"
-         "that overflowed are reassembled from free overflow pages.\n"
+         "Recovers the deleted records of TABLE (without it, of every table, live or dropped, in one pass)\n"
+         "from the free space of its leaf pages and from every page no table owns. Each record is whole\n"
+         "(its header, serial types and values fit where it lies), goes to the table whose schema it fits\n"
+         "best (ambiguous: the others that fit as well), has its values in declared column order (NULL as\n"
+         "NULL, the rowid alias filled when the cell's rowid survives) and comes with its page, offset,\n"
+         "region and verdict. A start that a freeblock header overwrote is rebuilt when only one reading\n"
+         "fits; records that overflowed are reassembled from free overflow pages. A dropped table's rows\n"
+         "are found through its CREATE statement in free space (tables --dropped lists them).\n"
          "PATTERN, one letter per column, defaults to what the declared types allow: n the rowid alias,\n"
          "d NULL or a number, t NULL, text or blob, a anything (plus the letters of --raw).\n"
          "With --raw, the reader's own scan runs instead; it needs PATTERN:\n%1\n"
@@ -653,7 +695,8 @@ const Registration recoverCommand(
       kNoWal,
       kDocumented,
       {"--json", nullptr,
-       "one JSON array of {page, offset, region, verdict, reasons, rowid, overflow, values}"},
+       "one JSON array of {table, dropped, page, offset, region, version, verdict, reasons,\n"
+       "rowid, overflow, ambiguous, rebuilt, values}"},
       {"--csv", nullptr, "the same as CSV rows, for spreadsheets (NULL empty, blobs as x'hex')"},
       {"--raw", nullptr, "the reader's own scan instead, which needs PATTERN"},
       {"--with-header", nullptr,
