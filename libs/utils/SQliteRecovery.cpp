@@ -194,6 +194,19 @@ struct Target {
     QString pattern;
     std::unique_ptr<SQliteCodec::Pattern> compiled;
     bool live = false; // live rows are known
+    // The classes of serial types (NULL, each integer width, float, 0, 1, text, blob) that each
+    // column's live values have, one bit per class, and how many live rows there were.
+    std::vector<quint16> seen;
+    qint64 liveRows = 0;
+    static int typeClass(qint64 type) { return type <= 9 ? int(type) : type % 2 ? 10 : 11; }
+    // Whether every value of a reading has a class its column's live values have, when there are
+    // enough live rows to tell.
+    bool usual(const std::vector<qint64>& types) const {
+        if (liveRows < 16 || seen.size() < types.size()) return false;
+        for (size_t i = 0; i < types.size(); ++i)
+            if (int(i) != alias && !(seen[i] & (1u << typeClass(types[i])))) return false;
+        return true;
+    }
     KeySet liveWithRowid, liveValues, liveAllButOne, liveRowids;
     int index = 0;
 
@@ -216,6 +229,23 @@ struct Target {
     bool accepts(int column, qint64 type) const {
         return type <= INT32_MAX && compiled->matches(column, int(type)) &&
                !(type == 0 && notNull[size_t(column)]);
+    }
+    // Whether a serial type that is lost can be guessed for a column: one it accepts, of a class
+    // its affinity keeps as it is (text, not a blob, in a TEXT column; a number or text in a
+    // NUMERIC one).
+    bool keeps(int column, qint64 type) const {
+        if (!accepts(column, type)) return false;
+        switch (columns[size_t(column)].affinity) {
+        case SQliteSchema::TextAffinity:
+            return type == 0 || (type >= 13 && type % 2 == 1);
+        case SQliteSchema::NumericAffinity:
+            return type <= 9 || (type >= 13 && type % 2 == 1);
+        case SQliteSchema::IntegerAffinity:
+        case SQliteSchema::RealAffinity:
+            return type <= 9;
+        default:
+            return true;
+        }
     }
 };
 
@@ -280,6 +310,7 @@ struct SQliteRecovery::Private {
     };
     struct Found {
         Record record;
+        std::vector<qint64> types; // of a rebuilt record
         const Target* target = nullptr;
         // 4 a whole cell a cell pointer leads to; 3 its payload length and rowid, or a start
         // rebuilt to fill its freeblock exactly; 2 its header alone; 1 a start rebuilt to end where
@@ -554,6 +585,8 @@ void SQliteRecovery::Private::loadPages() {
         if (t) {
             for (KeySet* set : {&t->liveWithRowid, &t->liveValues, &t->liveAllButOne, &t->liveRowids})
                 set->clear();
+            t->seen.assign(size_t(t->size()), 0);
+            t->liveRows = 0;
         }
         const int n = t ? t->size() : 0;
         tree.walk(
@@ -584,6 +617,10 @@ void SQliteRecovery::Private::loadPages() {
                 if (t->table) t->liveRowids.insert(quint64(rowid));
                 if (t->table) t->liveWithRowid.insert(valuesKey(values, t->alias, &rowid));
                 t->liveValues.insert(valuesKey(values, t->alias, nullptr));
+                t->seen.resize(size_t(n), 0);
+                for (int i = 0; i < n && size_t(i) < header.types.size(); ++i)
+                    t->seen[size_t(i)] |= quint16(1u << Target::typeClass(header.types[size_t(i)]));
+                ++t->liveRows;
                 if (t->nearMatches())
                     for (int i = 0; i < n; ++i)
                         if (i != t->alias) t->liveAllButOne.insert(t->allButOneKey(values, i));
@@ -695,7 +732,7 @@ void SQliteRecovery::Private::rebuild(const uchar* data, qint64 f, qint64 end, b
     std::vector<std::vector<qint64>> lostChoices(2);
     for (int col = 0; col < std::min(n, 2); ++col)
         for (qint64 type = 0; type < 128; ++type)
-            if (type != 10 && type != 11 && t.accepts(col, type)) lostChoices[size_t(col)].push_back(type);
+            if (type != 10 && type != 11 && t.keeps(col, type)) lostChoices[size_t(col)].push_back(type);
     const int rowidMax = t.table ? 2 : 0;
     for (int p = 1; p <= 3; ++p) {
         for (int r = t.table ? 1 : 0; r <= rowidMax; ++r) {
@@ -714,7 +751,7 @@ void SQliteRecovery::Private::rebuild(const uchar* data, qint64 f, qint64 end, b
                 for (int i = lost; i < n && ok; ++i) {
                     qint64 type = 0;
                     int l = 0;
-                    ok = varint(data, at, end, &type, &l) && t.accepts(i, type);
+                    ok = varint(data, at, end, &type, &l) && t.keeps(i, type);
                     c.types.push_back(type);
                     at += l;
                 }
@@ -767,6 +804,7 @@ void SQliteRecovery::Private::rebuild(const uchar* data, qint64 f, qint64 end, b
                             .arg(exact ? "freeblock's size" : "cell that follows");
                     Found found;
                     found.target = &t;
+                    found.types = c.types;
                     found.strength = exact ? 3 : 1;
                     finish(data, exact ? end : f + cellLength, c, t, found.record);
                     if (!found.record.reasons.isEmpty()) continue; // does not fit the layout
@@ -1089,11 +1127,28 @@ void SQliteRecovery::Private::searchArea(const uchar* data, int pageNo, Region r
             rebuild(data, pos, blockEnd, true, *tp, readings);
             if (readings.empty()) rebuild(data, pos, std::min(end, blockEnd), false, *tp, readings);
             if (readings.empty()) continue;
-            // One reading, or several that all give the same values: rebuilt. Otherwise it is
-            // held back as ambiguous.
+            // One reading, or several that all give the same values: rebuilt. Of several that
+            // differ, the one reading whose every value is of a class its column's live values
+            // have is taken. Otherwise it is held back as ambiguous.
+            auto sameValues = [](const Record& x, const Record& y) {
+                bool same = x.values.size() == y.values.size();
+                for (int i = 0; i < x.values.size() && same; ++i)
+                    same = x.values.at(i).type() == y.values.at(i).type() && x.values.at(i) == y.values.at(i);
+                return same;
+            };
             bool same = true;
             for (const Found& f : readings)
-                same = same && f.record.values == readings.front().record.values;
+                same = same && sameValues(f.record, readings.front().record);
+            if (!same) {
+                std::vector<Found> usual;
+                for (const Found& f : readings)
+                    if (tp->usual(f.types) && (usual.empty() || !sameValues(f.record, usual.front().record)))
+                        usual.push_back(f);
+                if (usual.size() == 1) {
+                    readings = usual;
+                    same = true;
+                }
+            }
             Found f = readings.front();
             if (head < 0) f.strength = std::min(f.strength, 2); // the freeblock's bytes alone said so
             f.record.page = pageNo;
