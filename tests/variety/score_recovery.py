@@ -315,12 +315,14 @@ def score_database(db, records, dropped, show_all):
 def score_dropped(db, entries):
     truth = [t for t in db["tables"] if t["dropped"]]
     figures = {"tables": len(truth), "schemaSurvives": sum(t["schemaSurvives"] for t in truth),
-               "exact": 0, "nameOnly": 0, "rootPage": 0, "false": 0, "former": 0, "listed": entries is not None}
+               "exact": 0, "exactSurviving": 0, "nameOnly": 0, "rootPage": 0, "false": 0, "former": 0,
+               "listed": entries is not None}
     entries = [e for e in entries or [] if e.get("type", "table") == "table"]
     for t in truth:
         same = [e for e in entries if e.get("name") == t["name"]]
         exact = [e for e in same if e.get("sql") == t["sql"]]
         figures["exact"] += bool(exact)
+        figures["exactSurviving"] += bool(exact) and t["schemaSurvives"]
         figures["nameOnly"] += bool(same) and not exact
         figures["rootPage"] += any(e.get("rootPage") == t["rootPage"] for e in exact)
     known = {(t["name"], t["sql"]) for t in truth}
@@ -390,7 +392,8 @@ def print_report(by, total, results, seconds):
     d = {k: sum(r["dropped"][k] for r in results) for k in results[0]["dropped"]} if results else {}
     if d:
         print(f"dropped tables: {d['tables']} (schema row survives for {d['schemaSurvives']}); "
-              + (f"schema recovered exact {d['exact']} (root page right {d['rootPage']}), by name only "
+              + (f"schema recovered exact {d['exact']} ({d['exactSurviving']} of those that survive; root page "
+                 f"right {d['rootPage']}), by name only "
                  f"{d['nameOnly']}; false entries {d['false']}, earlier schemas of live tables {d['former']}"
                  if d["listed"] == len(results) else f"tables --dropped answered for {d['listed']} of "
                  f"{len(results)} databases; schema recovered exact {d['exact']}"))
