@@ -78,6 +78,7 @@ import sqlite3
 import struct
 import sys
 
+sys.dont_write_bytecode = True  # no __pycache__ in the source tree
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import make_variety as mv  # noqa: E402
 

@@ -41,13 +41,13 @@ import binascii
 import concurrent.futures
 import hashlib
 import json
-import math
 import os
 import re
 import subprocess
 import sys
 import time
 
+sys.dont_write_bytecode = True  # no __pycache__ in the source tree
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import make_recovery  # noqa: E402
 
@@ -179,7 +179,10 @@ def load_truth(work, seed, count):
 # Readers -------------------------------------------------------------------------------------
 def tool_reader(path):
     def run(argv):
-        p = subprocess.run([path] + argv, capture_output=True, timeout=600)
+        try:
+            p = subprocess.run([path] + argv, capture_output=True, timeout=600)
+        except subprocess.TimeoutExpired:
+            return "timeout", "", "still running after 600 s"
         return p.returncode, p.stdout.decode("utf-8", "replace"), p.stderr.decode("utf-8", "replace")
     return run
 
