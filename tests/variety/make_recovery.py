@@ -409,14 +409,18 @@ class Builder:
 
     # Edits ----------------------------------------------------------------------------------------
     def rowid_for(self, t, used):
-        if t.rowids != "large":
-            return None
-        while True:
+        """A new row's rowid, or None to let the engine choose (it picks at random once a rowid
+        of 2^63-1 exists, so tables given explicit rowids always get them)."""
+        if t.rowids == "small":
+            used.add(max(used | {0}) + 1)
+            return max(used)
+        while t.rowids in ("large", "explicit"):
             bits = self.rng.choice([8, 16, 24, 32, 40, 48, 56, 62])
-            r = self.rng.randint(2**(bits - 1), 2**bits)
+            r = self.rng.randint(2**(bits - 1), 2**bits) if t.rowids == "large" else self.rng.randint(-10**6, 10**6)
             if r not in used:
                 used.add(r)
                 return r
+        return None
 
     def value(self, c, big):
         if getattr(c, "big", False):
@@ -435,15 +439,13 @@ class Builder:
         for _ in range(n):
             names, values = [qid(c.name) for c in cols], [self.value(c, big) for c in cols]
             rowid = self.rowid_for(t, used)
-            if t.rowids == "small" and "id" in t.names:  # id counts up, as the rowid does
-                rowid = max(used | {0}) + 1
-                used.add(rowid)
-                values[names.index('"id"')] = rowid
-            elif rowid is not None and t.alias is not None:
+            if rowid is not None and t.alias is not None:
                 values[names.index(qid(t.names[t.alias]))] = rowid
             elif rowid is not None:
                 names.insert(0, t.rid)
                 values.insert(0, rowid)
+                if t.rowids == "small" and '"id"' in names:  # id counts up, as the rowid does
+                    values[names.index('"id"')] = rowid
             try:
                 self.con.execute(f"INSERT INTO {qid(t.name)}({', '.join(names)}) VALUES "
                                  f"({', '.join('?' * len(values))})", values)
@@ -515,9 +517,8 @@ class Builder:
             sets, args = [f"{qid(c.name)} = ?"], [new]
             if how == "move":
                 sets.append(f"{t.rid} = ?")
-                rowids = [r for _, r, _ in t.rows(self.con)]
-                step = self.rng.randint(1, 1000)
-                args.append(max(rowids) + step if max(rowids) < 2**62 else min(rowids) - step)
+                used = {r for _, r, _ in t.rows(self.con)}
+                args.append(next(r for r in iter(lambda: self.rng.randint(-2**62, 2**62), None) if r not in used))
             try:
                 cur = self.con.execute(f"UPDATE {qid(t.name)} SET {', '.join(sets)} WHERE {t.where()}",
                                        args + list(p["key"]))
