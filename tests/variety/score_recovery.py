@@ -253,6 +253,7 @@ def read_database(run, work, db, mode, show_all):
         code, out, err = run(["recover", "--json"] + extra + ["--", path])
         if code == 0:
             records = [(r, r.get("table"), bool(r.get("dropped"))) for r in parse(out, errors)]
+            mode = "one-pass"
         else:
             errors.append(complaint("recover DB", code, err, path))
             mode = "per-table" if mode == "auto" else mode
@@ -282,7 +283,7 @@ def score_database(db, records, dropped, show_all):
     tables = [TableTruth(t) for t in db["tables"]]
     by_key = {(t.name, t.dropped): t for t in tables}
     status = {(id(t), n): None for t in tables for n in range(len(t.rows))}
-    out = {"records": [], "system": 0, "ambiguous": 0, "wrongRowid": 0}
+    out = {"records": [], "system": 0, "ambiguous": 0, "wrongRowid": 0, "otherLength": 0}
     for rec, name, was_dropped in records:
         if rec.get("verdict") == "held" and not show_all:
             continue
@@ -292,6 +293,7 @@ def score_database(db, records, dropped, show_all):
         out["ambiguous"] += bool(rec.get("ambiguous"))
         values, rowid = rec.get("values") or [], rec.get("rowid")
         filed = by_key.get((name, was_dropped))
+        out["otherLength"] += filed is not None and len(values) != filed.ncols
         cls, hit = "false", None
         found = filed.exact(values, rowid) if filed else []
         if found:
@@ -391,6 +393,7 @@ def print_report(by, total, results, seconds):
                           f["wrong-table"]))
     print("records: " + ", ".join(f"{c} {total[c]}" for c in CLASSES)
           + f"; wrong rowid {sum(r['wrongRowid'] for r in results)}, ambiguous {sum(r['ambiguous'] for r in results)}"
+          f", values not one per column {sum(r['otherLength'] for r in results)}"
           f", filed under sqlite_ tables {sum(r['system'] for r in results)} (not scored)")
     d = {k: sum(r["dropped"][k] for r in results) for k in results[0]["dropped"]} if results else {}
     if d:
