@@ -144,21 +144,82 @@ quint64 valuesKey(const QList<QVariant>& values, int alias, const qint64* rowid)
     return h;
 }
 
-// A set of keys filled once, then asked: a sorted array, 8 bytes a key.
+// A set of 64-bit keys (hashes, so their low bits are spread): open addressing, 16 bytes a key.
 class KeySet {
 public:
-    void clear() { m_keys.clear(); }
-    void insert(quint64 key) { m_keys.push_back(key); }
-    void freeze() {
-        std::sort(m_keys.begin(), m_keys.end());
-        m_keys.erase(std::unique(m_keys.begin(), m_keys.end()), m_keys.end());
-        m_keys.shrink_to_fit();
+    void clear() {
+        m_slots.assign(1024, 0);
+        m_count = 0;
+        m_zero = false;
     }
-    bool contains(quint64 key) const { return std::binary_search(m_keys.begin(), m_keys.end(), key); }
+    void insert(quint64 key) {
+        if (key == 0) {
+            m_zero = true;
+            return;
+        }
+        if (m_slots.empty()) clear();
+        if (2 * (m_count + 1) > m_slots.size()) grow();
+        if (place(m_slots, key)) ++m_count;
+    }
+    bool contains(quint64 key) const {
+        if (key == 0) return m_zero;
+        if (m_slots.empty()) return false;
+        const size_t mask = m_slots.size() - 1;
+        for (size_t i = size_t(key) & mask;; i = (i + 1) & mask) {
+            if (m_slots[i] == key) return true;
+            if (m_slots[i] == 0) return false;
+        }
+    }
 
 private:
-    std::vector<quint64> m_keys;
+    static bool place(std::vector<quint64>& table, quint64 key) {
+        const size_t mask = table.size() - 1;
+        for (size_t i = size_t(key) & mask;; i = (i + 1) & mask) {
+            if (table[i] == key) return false;
+            if (table[i] == 0) {
+                table[i] = key;
+                return true;
+            }
+        }
+    }
+    void grow() {
+        std::vector<quint64> bigger(m_slots.size() * 2, 0);
+        for (quint64 key : m_slots)
+            if (key) place(bigger, key);
+        m_slots.swap(bigger);
+    }
+    std::vector<quint64> m_slots;
+    size_t m_count = 0;
+    bool m_zero = false;
 };
+
+// A value's hash: equal values as stored give equal hashes.
+quint64 valueHash(const SQliteValue& v) {
+    switch (v.type) {
+    case SQliteValue::Integer:
+        return mix(11, quint64(v.integer));
+    case SQliteValue::Real: {
+        quint64 bits;
+        std::memcpy(&bits, &v.real, sizeof bits);
+        return mix(12, bits);
+    }
+    case SQliteValue::Text:
+    case SQliteValue::Blob:
+        return mix(v.type == SQliteValue::Text ? 13 : 14,
+                   qHashBits(v.data, size_t(std::max<qint64>(0, v.size)), 7));
+    default:
+        return 10;
+    }
+}
+
+// A key for a record from the hashes of its values: all but the alias column, and but left
+// when it is given; with the rowid when one is given.
+quint64 rowKey(const std::vector<quint64>& hashes, int alias, const qint64* rowid = nullptr, int left = -1) {
+    quint64 h = rowid ? mix(1, quint64(*rowid)) : 2;
+    for (size_t i = 0; i < hashes.size(); ++i)
+        if (int(i) != alias) h = mix(h, int(i) == left ? 0x5EEDULL : hashes[i]);
+    return h;
+}
 
 // A varint read from memory, bounded: false when it runs past end.
 bool varint(const uchar* data, qint64 pos, qint64 end, qint64* value, int* len) {
@@ -194,6 +255,14 @@ struct Target {
     QString pattern;
     std::unique_ptr<SQliteCodec::Pattern> compiled;
     bool live = false; // live rows are known
+    // The serial types a lost one-byte varint can have been, for the first two columns.
+    std::vector<std::vector<qint64>> lostChoices;
+    void chooseLost() {
+        lostChoices.assign(2, {});
+        for (int col = 0; col < std::min(size(), 2); ++col)
+            for (qint64 type = 0; type < 128; ++type)
+                if (type != 10 && type != 11 && keeps(col, type)) lostChoices[size_t(col)].push_back(type);
+    }
     // The classes of serial types (NULL, each integer width, float, 0, 1, text, blob) that each
     // column's live values have, one bit per class, and how many live rows there were.
     std::vector<quint16> seen;
@@ -214,17 +283,10 @@ struct Target {
     // An earlier version of a row is told by its rowid, or, when the rowid is lost, by all but
     // one of its values; the latter only for tables of four values or more.
     bool nearMatches() const { return columns.size() - (alias >= 0 ? 1 : 0) >= 4; }
-    quint64 allButOneKey(const QList<QVariant>& values, int left) const {
-        QList<QVariant> rest = values;
-        rest[left] = QVariant(QStringLiteral("\x01left out"));
-        return valuesKey(rest, alias, nullptr);
-    }
     // A REAL column keeps integral values as integers in the file and reads them as floats.
-    QVariant columnValue(int column, const QVariant& stored) const {
-        if (columns[size_t(column)].affinity == SQliteSchema::RealAffinity &&
-            stored.type() == QVariant::LongLong)
-            return QVariant(double(stored.toLongLong()));
-        return stored;
+    void realify(int column, SQliteValue& v) const {
+        if (columns[size_t(column)].affinity == SQliteSchema::RealAffinity && v.type == SQliteValue::Integer)
+            v = SQliteValue::fromReal(double(v.integer));
     }
     bool accepts(int column, qint64 type) const {
         return type <= INT32_MAX && compiled->matches(column, int(type)) &&
@@ -318,7 +380,12 @@ struct SQliteRecovery::Private {
         int strength = 0;
     };
 
-    bool textOk = true; // the text of the record just read is valid in the database's encoding
+    // What can start a record of some table, worked out before a search: a one-byte header
+    // size, then a one-byte first serial type.
+    std::vector<uchar> headerSizeOk, firstTypeOk;
+    void prepareScan();
+    bool textOk = true;           // the text of the record just read is valid in the database's encoding
+    std::vector<quint64> hashes; // of the values of the record just read, as stored
 
     // Tables
     void addTarget(const QString& name, const SQliteSchema::Table& schema, qint64 root, bool isDropped);
@@ -343,9 +410,11 @@ struct SQliteRecovery::Private {
     int fitScore(const Record& r, const Target& t) const;
 
     // Searching pages
+    // leaf: the area lies in a page that is, or was, a b-tree leaf, where freed cells leave
+    // freeblock headers.
     void searchArea(const uchar* data, int pageNo, Region region, qint64 start, qint64 end,
                     const QVector<QPair<qint64, qint64>>& heads, const Target* owner,
-                    std::vector<Found>& found);
+                    std::vector<Found>& found, bool leaf = true);
     void searchCells(const uchar* data, int pageNo, Region region, const Target* owner,
                      std::vector<Found>& found);
     void searchPage(const uchar* data, int pageNo, bool leafOfOwner, const Target* owner,
@@ -464,6 +533,7 @@ void SQliteRecovery::Private::addTarget(const QString& name, const SQliteSchema:
     }
     if (t->columns.empty()) return;
     t->compiled.reset(new SQliteCodec::Pattern(t->pattern, true));
+    t->chooseLost();
     t->index = int(targets.size());
     targets.push_back(std::move(t));
 }
@@ -531,6 +601,7 @@ bool SQliteRecovery::setTable(const QString& name, const QString& givenPattern) 
             }
         t.pattern = givenPattern;
         t.compiled.reset(new SQliteCodec::Pattern(givenPattern, true));
+        t.chooseLost();
     }
     d->chosen = true;
     return true;
@@ -572,6 +643,7 @@ void SQliteRecovery::Private::loadPages() {
     const qint32 encoding = g.encoding;
     std::vector<uchar> payload;
     std::vector<qint64> overflow;
+    std::vector<quint64> hashes;
     RecordHeader header;
     auto mark = [this](qint64 page) {
         if (page >= 1 && page <= lastPage) owned[size_t(page)] = 1;
@@ -599,8 +671,7 @@ void SQliteRecovery::Private::loadPages() {
                 if (!t || isTablePage(e.type) != t->table) return true;
                 // The live row by its values as stored, with and without its rowid.
                 readRecordHeader(payload.data(), qint64(payload.size()), header);
-                QList<QVariant> values;
-                values.reserve(n);
+                hashes.assign(size_t(n), 0);
                 qint64 at = header.size;
                 for (int i = 0; i < n; ++i) {
                     SQliteValue v;
@@ -608,30 +679,28 @@ void SQliteRecovery::Private::loadPages() {
                     const qint64 left = qint64(payload.size()) - at;
                     if (i != t->alias && left >= 0 &&
                         SQliteCodec::stored(type, payload.data() + at, left, encoding, &v))
-                        values.append(t->columnValue(i, v.toVariant()));
+                        t->realify(i, v);
                     else
-                        values.append(QVariant());
+                        v = SQliteValue();
+                    hashes[size_t(i)] = valueHash(v);
                     at += valueLength(type);
+                    if (size_t(i) < header.types.size())
+                        t->seen[size_t(i)] |= quint16(1u << Target::typeClass(header.types[size_t(i)]));
                 }
                 const qint64 rowid = e.cell.rowid;
-                if (t->table) t->liveRowids.insert(quint64(rowid));
-                if (t->table) t->liveWithRowid.insert(valuesKey(values, t->alias, &rowid));
-                t->liveValues.insert(valuesKey(values, t->alias, nullptr));
-                t->seen.resize(size_t(n), 0);
-                for (int i = 0; i < n && size_t(i) < header.types.size(); ++i)
-                    t->seen[size_t(i)] |= quint16(1u << Target::typeClass(header.types[size_t(i)]));
+                if (t->table) {
+                    t->liveRowids.insert(mix(3, quint64(rowid)));
+                    t->liveWithRowid.insert(rowKey(hashes, t->alias, &rowid));
+                }
+                t->liveValues.insert(rowKey(hashes, t->alias));
                 ++t->liveRows;
                 if (t->nearMatches())
                     for (int i = 0; i < n; ++i)
-                        if (i != t->alias) t->liveAllButOne.insert(t->allButOneKey(values, i));
+                        if (i != t->alias) t->liveAllButOne.insert(rowKey(hashes, t->alias, nullptr, i));
                 return true;
             },
             [&](qint64 page, int) { mark(page); });
-        if (t) {
-            for (KeySet* set : {&t->liveWithRowid, &t->liveValues, &t->liveAllButOne, &t->liveRowids})
-                set->freeze();
-            t->live = true;
-        }
+        if (t) t->live = true;
     }
     // The trunks of the free list, as far as its chain can be followed.
     sqliteio::walkFreeList(
@@ -661,6 +730,18 @@ void SQliteRecovery::Private::loadPages() {
         }
     }
     pagesKnown = true;
+}
+
+void SQliteRecovery::Private::prepareScan() {
+    headerSizeOk.assign(128, 0);
+    firstTypeOk.assign(128, 0);
+    for (const auto& t : targets) {
+        const int n = t->size();
+        for (int h = n + 1; h < 128 && h <= 1 + 9 * n; ++h)
+            headerSizeOk[size_t(h)] = 1;
+        for (int type = 0; type < 128; ++type)
+            if (t->accepts(0, type)) firstTypeOk[size_t(type)] = 1;
+    }
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -728,11 +809,7 @@ void SQliteRecovery::Private::rebuild(const uchar* data, qint64 f, qint64 end, b
                                       std::vector<Found>& out) {
     const int n = t.size();
     if (f + kFreeblockHeaderSize >= end) return;
-    // The serial types a lost one-byte varint can have been, for each column.
-    std::vector<std::vector<qint64>> lostChoices(2);
-    for (int col = 0; col < std::min(n, 2); ++col)
-        for (qint64 type = 0; type < 128; ++type)
-            if (type != 10 && type != 11 && t.keeps(col, type)) lostChoices[size_t(col)].push_back(type);
+    const std::vector<std::vector<qint64>>& lostChoices = t.lostChoices;
     const int rowidMax = t.table ? 2 : 0;
     for (int p = 1; p <= 3; ++p) {
         for (int r = t.table ? 1 : 0; r <= rowidMax; ++r) {
@@ -907,6 +984,7 @@ void SQliteRecovery::Private::finish(const uchar* data, qint64 areaEnd, const Ca
     qint64 at = 0;
     bool cut = false;
     textOk = true;
+    hashes.assign(c.types.size(), valueHash(SQliteValue()));
     for (size_t i = 0; i < c.types.size(); ++i) {
         const qint64 type = c.types[i];
         const qint64 len = valueLength(type);
@@ -921,6 +999,7 @@ void SQliteRecovery::Private::finish(const uchar* data, qint64 areaEnd, const Ca
                     while (have > 0 && !validUtf8(p + at, have)) // not in the middle of a character
                         --have;
                 SQliteCodec::stored(type % 2 ? 13 + 2 * have : 12 + 2 * have, p + at, have, encoding, &v);
+                hashes[i] = valueHash(v);
                 r.values.append(v.toVariant());
             } else {
                 r.values.append(QVariant());
@@ -931,7 +1010,9 @@ void SQliteRecovery::Private::finish(const uchar* data, qint64 areaEnd, const Ca
         if (type >= 13 && type % 2 == 1)
             textOk = textOk && (encoding == Utf16le || encoding == Utf16be || validUtf8(p + at, len));
         SQliteCodec::stored(type, p + at, len, encoding, &v);
-        r.values.append(t.columnValue(int(i), v.toVariant()));
+        t.realify(int(i), v);
+        hashes[i] = valueHash(v);
+        r.values.append(v.toVariant());
         at += len;
     }
     r.length = int(localEnd - (r.rowidKnown || c.cellStart >= 0 ? c.cellStart : c.start));
@@ -1004,16 +1085,14 @@ void SQliteRecovery::Private::check(const Candidate& c, const Target& t, Record&
     if (empty) r.reasons << kEmpty;
 
     if (t.live) {
-        QList<QVariant> stored = r.values;
-        if (t.alias >= 0) stored[t.alias] = QVariant();
-        const quint64 valuesOnly = valuesKey(stored, t.alias, nullptr);
-        if (r.rowidKnown ? t.liveWithRowid.contains(valuesKey(stored, t.alias, &r.rowid))
-                         : t.liveValues.contains(valuesOnly)) {
+        // The values as stored (the alias column aside), as the live rows were keyed.
+        if (r.rowidKnown ? t.liveWithRowid.contains(rowKey(hashes, t.alias, &r.rowid))
+                         : t.liveValues.contains(rowKey(hashes, t.alias))) {
             r.reasons << kLive;
-        } else if (r.rowidKnown ? t.liveRowids.contains(quint64(r.rowid)) : t.nearMatches()) {
+        } else if (r.rowidKnown ? t.liveRowids.contains(mix(3, quint64(r.rowid))) : t.nearMatches()) {
             bool earlier = r.rowidKnown;
-            for (int i = 0; i < stored.size() && !earlier; ++i)
-                earlier = i != t.alias && t.liveAllButOne.contains(t.allButOneKey(stored, i));
+            for (int i = 0; i < int(hashes.size()) && !earlier; ++i)
+                earlier = i != t.alias && t.liveAllButOne.contains(rowKey(hashes, t.alias, nullptr, i));
             if (earlier) r.reasons << kSuperseded;
         }
     }
@@ -1089,16 +1168,19 @@ void SQliteRecovery::Private::freeblocks(const uchar* data, qint64 header, qint6
 // larger free area is recognised by its bytes.
 void SQliteRecovery::Private::searchArea(const uchar* data, int pageNo, Region region, qint64 start,
                                          qint64 end, const QVector<QPair<qint64, qint64>>& heads,
-                                         const Target* owner, std::vector<Found>& found) {
+                                         const Target* owner, std::vector<Found>& found, bool leaf) {
     Candidate c;
     std::vector<Found> readings;
     QVector<qint64> headAt;
     for (const auto& h : heads)
         headAt.append(h.first);
     for (qint64 pos = start; pos < end; ++pos) {
-        // A record whose header starts here, for each table it fits.
+        // A record whose header starts here, for each table it fits; most places start none.
+        const uchar b0 = data[pos], b1 = pos + 1 < end ? data[pos + 1] : 0;
+        const bool maybe = b0 >= 0x80 || (headerSizeOk[b0] && (b1 >= 0x80 || firstTypeOk[b1]));
         std::vector<Found> fits;
         for (const auto& tp : targets) {
+            if (!maybe) break;
             const Target& t = *tp;
             if (!headerAt(data, pos, start, end, t, c)) continue;
             // A header of one serial type says next to nothing: its cell must show around it.
@@ -1118,7 +1200,7 @@ void SQliteRecovery::Private::searchArea(const uchar* data, int pageNo, Region r
         // A cell whose first four bytes a freeblock header overwrote: a freeblock still in the
         // chain starts at pos, or the bytes before pos + 4 read as one that was.
         const int head = headAt.indexOf(pos);
-        const qint64 former = head < 0 && pos + 4 < end ? formerFreeblockEnd(data, pos + 4) : -1;
+        const qint64 former = head < 0 && leaf && pos + 4 < end ? formerFreeblockEnd(data, pos + 4) : -1;
         if (head < 0 && former < 0) continue;
         const qint64 blockEnd = std::min(end, head >= 0 ? pos + heads[head].second : former);
         for (const auto& tp : targets) {
@@ -1231,7 +1313,8 @@ void SQliteRecovery::Private::searchPage(const uchar* data, int pageNo, bool lea
             usable, trunk::Leaves + 4 * std::min<qint64>(get32(data + trunk::LeafCount), usable / 4));
     else if (isBtreePage(type))
         return; // an interior page left by a dropped tree: its cells hold no rows
-    searchArea(data, pageNo, FreePage, start, usable, {}, nullptr, found);
+    // A trunk was most likely a leaf before: its freed cells still start with freeblock headers.
+    searchArea(data, pageNo, FreePage, start, usable, {}, nullptr, found, trunks[size_t(pageNo)] != 0);
 }
 
 // Keeps, where candidates overlap, the one with the most of its cell surviving, gives each to
@@ -1327,8 +1410,10 @@ void SQliteRecovery::Private::findDropped() {
     Target& master = *targets.front();
     master.pattern = QStringLiteral("tttdt");
     master.compiled.reset(new SQliteCodec::Pattern(master.pattern, true));
+    master.chooseLost();
     master.wanted = true;
     loadPages();
+    prepareScan();
     QSet<QString> seen;
     const Callback keep = [&](const Record& r) {
         if (r.values.size() != 5) return true;
@@ -1402,6 +1487,7 @@ bool SQliteRecovery::forEach(const Callback& callback) {
     const Geometry g = sqliteGeometry(d->db);
     if (g.usable < kSmallestUsable) return true; // no valid database has pages this small
     d->loadPages();
+    d->prepareScan();
 
     // The leaves of the tables whose records are passed on, then the pages no table owns.
     struct Job {
@@ -1450,7 +1536,7 @@ bool SQliteRecovery::forEach(const Callback& callback) {
                 d->searchCells(data, v.page, Cell, nullptr, found);
                 d->searchPage(data, v.page, true, nullptr, found);
             } else if (!isBtreePage(type)) {
-                d->searchArea(data, v.page, FreePage, 0, d->usable, {}, nullptr, found);
+                d->searchArea(data, v.page, FreePage, 0, d->usable, {}, nullptr, found, false);
             }
         }
         if (!d->report(found, callback)) return false;
