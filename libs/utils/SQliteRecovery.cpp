@@ -250,8 +250,10 @@ struct Target {
     qint64 root = 0;
     std::vector<Column> columns; // those a record holds, in its order
     std::vector<bool> notNull;   // columns that cannot hold NULL in a record
-    int alias = -1;              // the rowid alias among them
-    bool table = true;           // a rowid table; false: a table without rowid
+    std::vector<int> declared;   // the declared position of each, among declaredCount columns
+    int declaredCount = 0;
+    int alias = -1;    // the rowid alias among them
+    bool table = true; // a rowid table; false: a table without rowid
     QString pattern;
     std::unique_ptr<SQliteCodec::Pattern> compiled;
     bool live = false; // live rows are known
@@ -282,7 +284,8 @@ struct Target {
     int size() const { return int(columns.size()); }
     // An earlier version of a row is told by its rowid, or, when the rowid is lost, by all but
     // one of its values; the latter only for tables of four values or more.
-    bool nearMatches() const { return columns.size() - (alias >= 0 ? 1 : 0) >= 4; }
+    int informative() const { return int(columns.size()) - (alias >= 0 ? 1 : 0); }
+    bool nearMatches() const { return informative() >= 4; }
     // A REAL column keeps integral values as integers in the file and reads them as floats.
     void realify(int column, SQliteValue& v) const {
         if (columns[size_t(column)].affinity == SQliteSchema::RealAffinity && v.type == SQliteValue::Integer)
@@ -384,7 +387,7 @@ struct SQliteRecovery::Private {
     // size, then a one-byte first serial type.
     std::vector<uchar> headerSizeOk, firstTypeOk;
     void prepareScan();
-    bool textOk = true;           // the text of the record just read is valid in the database's encoding
+    bool textOk = true;          // the text of the record just read is valid in the database's encoding
     std::vector<quint64> hashes; // of the values of the record just read, as stored
 
     // Tables
@@ -419,8 +422,20 @@ struct SQliteRecovery::Private {
                      std::vector<Found>& found);
     void searchPage(const uchar* data, int pageNo, bool leafOfOwner, const Target* owner,
                     std::vector<Found>& found);
-    bool report(std::vector<Found>& found, const Callback& callback);
+    bool report(std::vector<Found>& found, const Callback& callback, const Target* owner = nullptr);
     bool report(Record& r, const Target& t, const Callback& callback);
+    // The values of a record as its table declares its columns: a table without rowid keeps its
+    // key first, and a virtual generated column (NULL here) lies in no record.
+    static void toDeclaredOrder(Record& r, const Target& t) {
+        if (t.declaredCount == r.values.size() && std::is_sorted(t.declared.begin(), t.declared.end()))
+            return;
+        QList<QVariant> values;
+        for (int i = 0; i < t.declaredCount; ++i)
+            values.append(QVariant());
+        for (int i = 0; i < r.values.size() && size_t(i) < t.declared.size(); ++i)
+            values[t.declared[size_t(i)]] = r.values.at(i);
+        r.values = values;
+    }
     void liveCells(const uchar* data, qint64 header, int type, QVector<QPair<qint64, qint64>>* used) const;
     void freeblocks(const uchar* data, qint64 header, qint64 from,
                     QVector<QPair<qint64, qint64>>* blocks) const;
@@ -442,7 +457,7 @@ QString SQliteRecovery::pattern() const {
     return d->single ? d->single->pattern : QString();
 }
 int SQliteRecovery::rowidAlias() const {
-    return d->single ? d->single->alias : -1;
+    return d->single ? d->single->schema.rowidAlias : -1;
 }
 void SQliteRecovery::setFreePagesSearched(bool searched) {
     d->freePages = searched;
@@ -467,18 +482,14 @@ QStringList SQliteRecovery::columnNames() const {
 QStringList SQliteRecovery::columnNames(const QString& table) const {
     QStringList names;
     for (const auto& t : d->targets)
-        if (t->name == table) {
-            for (const Column& c : t->columns)
-                names << c.name;
-            break;
-        }
+        if (t->name == table) return t->schema.columnNames();
     return names;
 }
 
 QStringList SQliteRecovery::declaredTypes() const {
     QStringList types;
     if (d->single)
-        for (const Column& c : d->single->columns)
+        for (const Column& c : d->single->schema.columns)
             types << c.declaredType;
     return types;
 }
@@ -523,6 +534,8 @@ void SQliteRecovery::Private::addTarget(const QString& name, const SQliteSchema:
     std::stable_sort(declared.begin(), declared.end(), [&schema](int a, int b) {
         return schema.columns.at(a).storage < schema.columns.at(b).storage;
     });
+    t->declared = declared;
+    t->declaredCount = schema.columns.size();
     for (int i : declared) {
         if (i == schema.rowidAlias) t->alias = int(t->columns.size());
         t->columns.push_back(schema.columns.at(i));
@@ -694,7 +707,7 @@ void SQliteRecovery::Private::loadPages() {
                 }
                 t->liveValues.insert(rowKey(hashes, t->alias));
                 ++t->liveRows;
-                if (t->nearMatches())
+                if (t->informative() >= 2)
                     for (int i = 0; i < n; ++i)
                         if (i != t->alias) t->liveAllButOne.insert(rowKey(hashes, t->alias, nullptr, i));
                 return true;
@@ -809,8 +822,17 @@ void SQliteRecovery::Private::rebuild(const uchar* data, qint64 f, qint64 end, b
                                       std::vector<Found>& out) {
     const int n = t.size();
     if (f + kFreeblockHeaderSize >= end) return;
-    const std::vector<std::vector<qint64>>& lostChoices = t.lostChoices;
+    // How the serial types that start in the lost bytes may lie: their varints' lengths, and how
+    // many bytes of the last one survive after the four lost ones. A two-byte serial type is
+    // tried only when the cell's length is known, which leaves one length for it.
+    struct Shape {
+        int count, lens[2], tail;
+    };
+    static const Shape none[] = {{0, {0, 0}, 0}};
+    static const Shape oneByte[] = {{1, {1, 0}, 0}, {1, {2, 0}, 1}};
+    static const Shape twoBytes[] = {{2, {1, 1}, 0}, {1, {2, 0}, 0}};
     const int rowidMax = t.table ? 2 : 0;
+    std::vector<qint64> choices[2];
     for (int p = 1; p <= 3; ++p) {
         for (int r = t.table ? 1 : 0; r <= rowidMax; ++r) {
             if (p + r > 3) continue; // the header size survives: an ordinary header, read elsewhere
@@ -818,80 +840,92 @@ void SQliteRecovery::Private::rebuild(const uchar* data, qint64 f, qint64 end, b
                 const qint64 typesAt = p + r + h; // from f
                 const int lostBytes = int(std::max<qint64>(0, kFreeblockHeaderSize - typesAt));
                 if (lostBytes > 2) continue;
-                // The serial types that start in the lost bytes: one-byte varints filling them.
-                const int lost = lostBytes;
-                if (lost > n) continue;
-                Candidate c;
-                c.types.assign(size_t(lost), 0);
-                qint64 at = f + std::max<qint64>(typesAt, kFreeblockHeaderSize);
-                bool ok = true;
-                for (int i = lost; i < n && ok; ++i) {
-                    qint64 type = 0;
-                    int l = 0;
-                    ok = varint(data, at, end, &type, &l) && t.keeps(i, type);
-                    c.types.push_back(type);
-                    at += l;
-                }
-                if (!ok) continue;
-                const qint64 headerSize = at - f - p - r;
-                if (varintLength(quint64(headerSize)) != h) continue;
-                // A two-byte header size whose second byte survives must agree with it.
-                if (h == 2 && typesAt == 5 && data[f + 4] != uchar(headerSize & 0x7F)) continue;
-                qint64 known = 0;
-                for (int i = lost; i < n; ++i)
-                    known += valueLength(c.types[size_t(i)]);
-                // Every choice of the lost serial types (a handful at most in practice).
-                std::vector<std::vector<qint64>> choices;
-                std::vector<qint64> pick(static_cast<size_t>(lost));
-                std::function<void(int)> choose = [&](int i) {
-                    if (i == lost) {
-                        choices.push_back(pick);
-                        return;
+                const Shape* shapes = lostBytes == 0 ? none : lostBytes == 1 ? oneByte : twoBytes;
+                const int shapeCount = lostBytes == 0 ? 1 : 2;
+                for (int s = 0; s < shapeCount; ++s) {
+                    const Shape& shape = shapes[s];
+                    const int lost = shape.count;
+                    const bool wide = shape.lens[0] == 2;
+                    if (lost > n || (wide && !exact)) continue;
+                    const uchar low = data[f + kFreeblockHeaderSize];
+                    if (shape.tail && low >= 0x80) continue; // the surviving end of a varint
+                    Candidate c;
+                    c.types.assign(size_t(lost), 0);
+                    qint64 at = f + std::max<qint64>(typesAt, kFreeblockHeaderSize) + shape.tail;
+                    bool ok = true;
+                    for (int i = lost; i < n && ok; ++i) {
+                        qint64 type = 0;
+                        int l = 0;
+                        ok = varint(data, at, end, &type, &l) && t.keeps(i, type);
+                        c.types.push_back(type);
+                        at += l;
                     }
-                    for (qint64 type : lostChoices[size_t(i)]) {
-                        pick[size_t(i)] = type;
-                        choose(i + 1);
-                    }
-                };
-                choose(0);
-                for (const std::vector<qint64>& lostTypes : choices) {
-                    qint64 payload = headerSize + known;
+                    if (!ok) continue;
+                    const qint64 headerSize = at - f - p - r;
+                    if (varintLength(quint64(headerSize)) != h) continue;
+                    // A two-byte header size whose second byte survives must agree with it.
+                    if (h == 2 && typesAt == 5 && data[f + 4] != uchar(headerSize & 0x7F)) continue;
+                    qint64 known = 0;
+                    for (int i = lost; i < n; ++i)
+                        known += valueLength(c.types[size_t(i)]);
+                    // The serial types each lost one may have been.
                     for (int i = 0; i < lost; ++i) {
-                        c.types[size_t(i)] = lostTypes[size_t(i)];
-                        payload += valueLength(lostTypes[size_t(i)]);
+                        choices[i].clear();
+                        if (shape.lens[i] == 1) {
+                            choices[i] = t.lostChoices[size_t(i)];
+                        } else if (shape.tail) {
+                            for (qint64 hi = 1; hi < 128; ++hi)
+                                if (t.keeps(i, (hi << 7) | low)) choices[i].push_back((hi << 7) | low);
+                        } else {
+                            // Its length is what the cell's length leaves, if it stays on the page.
+                            const qint64 length = end - f - p - r - headerSize - known;
+                            for (qint64 type : {12 + 2 * length, 13 + 2 * length})
+                                if (type >= 128 && type < 16384 && t.keeps(i, type))
+                                    choices[i].push_back(type);
+                        }
                     }
-                    if (varintLength(quint64(payload)) != p) continue;
-                    const qint64 local = localPayload(payload, usable, t.table);
-                    const qint64 cellLength = p + r + local + (local < payload ? kOverflowHeaderSize : 0);
-                    if (exact ? f + cellLength != end
-                              : (f + cellLength > end || !cellBoundary(data, f + cellLength, end)))
-                        continue;
-                    c.start = f + kFreeblockHeaderSize;
-                    c.cellStart = -1;
-                    c.headerSize = headerSize;
-                    c.valuesAt = f + p + r + headerSize;
-                    c.length = payload;
-                    c.rebuilt =
-                        QString("the first %1 bytes of its cell (payload length%2%3%4) rebuilt from the %5")
-                            .arg(kFreeblockHeaderSize)
-                            .arg(t.table ? ", rowid" : "")
-                            .arg(h + p + r <= kFreeblockHeaderSize ? ", header size" : "")
-                            .arg(lost ? QString(", %1 serial type%2").arg(lost).arg(lost > 1 ? "s" : "")
-                                      : QString())
-                            .arg(exact ? "freeblock's size" : "cell that follows");
-                    Found found;
-                    found.target = &t;
-                    found.types = c.types;
-                    found.strength = exact ? 3 : 1;
-                    finish(data, exact ? end : f + cellLength, c, t, found.record);
-                    if (!found.record.reasons.isEmpty()) continue; // does not fit the layout
-                    place(c, t, 0, Freeblock, c.start, found.record);
-                    // Only readings that t could have held count.
-                    const QStringList& why = found.record.reasons;
-                    if (why.contains(kEncoding) || why.contains(kAffinity) || why.contains(kEmpty) ||
-                        why.contains(kLayout))
-                        continue;
-                    out.push_back(found);
+                    const size_t first = lost > 0 ? choices[0].size() : 1,
+                                 second = lost > 1 ? choices[1].size() : 1;
+                    for (size_t k = 0; k < first * second; ++k) {
+                        qint64 payload = headerSize + known;
+                        if (lost > 0) c.types[0] = choices[0][k % first];
+                        if (lost > 1) c.types[1] = choices[1][k / first];
+                        for (int i = 0; i < lost; ++i)
+                            payload += valueLength(c.types[size_t(i)]);
+                        if (varintLength(quint64(payload)) != p) continue;
+                        const qint64 local = localPayload(payload, usable, t.table);
+                        const qint64 cellLength = p + r + local + (local < payload ? kOverflowHeaderSize : 0);
+                        if (exact ? f + cellLength != end
+                                  : (f + cellLength > end || !cellBoundary(data, f + cellLength, end)))
+                            continue;
+                        c.start = f + kFreeblockHeaderSize;
+                        c.cellStart = -1;
+                        c.headerSize = headerSize;
+                        c.valuesAt = f + p + r + headerSize;
+                        c.length = payload;
+                        c.rebuilt =
+                            QString(
+                                "the first %1 bytes of its cell (payload length%2%3%4) rebuilt from the %5")
+                                .arg(kFreeblockHeaderSize)
+                                .arg(t.table ? ", rowid" : "")
+                                .arg(h + p + r <= kFreeblockHeaderSize ? ", header size" : "")
+                                .arg(lost ? QString(", %1 serial type%2").arg(lost).arg(lost > 1 ? "s" : "")
+                                          : QString())
+                                .arg(exact ? "freeblock's size" : "cell that follows");
+                        Found found;
+                        found.target = &t;
+                        found.types = c.types;
+                        found.strength = exact ? 3 : 1;
+                        finish(data, exact ? end : f + cellLength, c, t, found.record);
+                        if (!found.record.reasons.isEmpty()) continue; // does not fit the layout
+                        place(c, t, 0, Freeblock, c.start, found.record);
+                        // Only readings that t could have held count.
+                        const QStringList& why = found.record.reasons;
+                        if (why.contains(kEncoding) || why.contains(kAffinity) || why.contains(kEmpty) ||
+                            why.contains(kLayout))
+                            continue;
+                        out.push_back(found);
+                    }
                 }
             }
         }
@@ -1082,15 +1116,19 @@ void SQliteRecovery::Private::check(const Candidate& c, const Target& t, Record&
     }
     if (!encodingOk) r.reasons << kEncoding;
     if (!affinityOk) r.reasons << kAffinity;
-    if (empty) r.reasons << kEmpty;
+    // The rowid of a cell that survived whole says something of its own.
+    if (empty && !(t.table && r.rowidKnown && r.rowid != 0 && c.cellStart >= 0)) r.reasons << kEmpty;
 
     if (t.live) {
         // The values as stored (the alias column aside), as the live rows were keyed.
         if (r.rowidKnown ? t.liveWithRowid.contains(rowKey(hashes, t.alias, &r.rowid))
                          : t.liveValues.contains(rowKey(hashes, t.alias))) {
             r.reasons << kLive;
-        } else if (r.rowidKnown ? t.liveRowids.contains(mix(3, quint64(r.rowid))) : t.nearMatches()) {
-            bool earlier = r.rowidKnown;
+        } else if (r.rowidKnown ? t.informative() >= 2 && t.liveRowids.contains(mix(3, quint64(r.rowid)))
+                                : t.nearMatches()) {
+            // An earlier version of a live row: its rowid (when it survived) and all its values
+            // but one are a live row's; a rowid used again by another row is no such thing.
+            bool earlier = false;
             for (int i = 0; i < int(hashes.size()) && !earlier; ++i)
                 earlier = i != t.alias && t.liveAllButOne.contains(rowKey(hashes, t.alias, nullptr, i));
             if (earlier) r.reasons << kSuperseded;
@@ -1319,15 +1357,19 @@ void SQliteRecovery::Private::searchPage(const uchar* data, int pageNo, bool lea
 
 // Keeps, where candidates overlap, the one with the most of its cell surviving, gives each to
 // the table it fits best, and reports them by offset.
-bool SQliteRecovery::Private::report(std::vector<Found>& found, const Callback& callback) {
+bool SQliteRecovery::Private::report(std::vector<Found>& found, const Callback& callback,
+                                     const Target* owner) {
     if (found.empty()) return true;
     std::vector<size_t> order(found.size());
     for (size_t i = 0; i < order.size(); ++i)
         order[i] = i;
-    std::stable_sort(order.begin(), order.end(), [this, &found](size_t a, size_t b) {
+    // The page's own table first, among records of the same strength: a leaf's freed cells are
+    // its table's, and an old b-tree's leaves its dropped table's.
+    std::stable_sort(order.begin(), order.end(), [this, &found, owner](size_t a, size_t b) {
         const Found &x = found[a], &y = found[b];
         if ((x.record.verdict == Held) != (y.record.verdict == Held)) return y.record.verdict == Held;
         if (x.strength != y.strength) return x.strength > y.strength;
+        if ((x.target == owner) != (y.target == owner)) return x.target == owner;
         return fitScore(x.record, *x.target) > fitScore(y.record, *y.target);
     });
     struct Kept {
@@ -1344,7 +1386,7 @@ bool SQliteRecovery::Private::report(std::vector<Found>& found, const Callback& 
             overlaps = true;
             // The same bytes read as a record of another table, as well: a candidate.
             Found& best = found[k.index];
-            if (from == k.from && to == k.to && found[i].target != best.target &&
+            if (from == k.from && to == k.to && found[i].target != best.target && best.target != owner &&
                 (r.verdict == Held) == (best.record.verdict == Held) && found[i].strength == best.strength &&
                 fitScore(r, *found[i].target) == fitScore(best.record, *best.target) &&
                 !best.record.ambiguous.contains(found[i].target->name) &&
@@ -1364,6 +1406,7 @@ bool SQliteRecovery::Private::report(std::vector<Found>& found, const Callback& 
 
 bool SQliteRecovery::Private::report(Record& r, const Target& t, const Callback& callback) {
     r.version = version;
+    toDeclaredOrder(r, t);
     QList<QVariant> stored = r.values;
     if (t.alias >= 0) stored[t.alias] = QVariant();
     const quint64 key = mix(valuesKey(stored, t.alias, nullptr), quint64(t.index));
@@ -1519,7 +1562,7 @@ bool SQliteRecovery::forEach(const Callback& callback) {
         if (bytes.size() >= d->usable)
             d->searchPage(reinterpret_cast<const uchar*>(bytes.constData()), job.page, job.leaf, job.owner,
                           found);
-        if (!d->report(found, callback)) return false;
+        if (!d->report(found, callback, job.owner)) return false;
         if (d->progress) d->progress(i + 1, total);
     }
     // The versions of pages the database no longer shows: their cells, their free space.
