@@ -370,8 +370,9 @@ struct SQliteRecovery::Private {
         qint64 valuesAt = 0;   // where its values start
         qint64 headerSize = 0; // as the record states it, or as worked out when it is lost
         std::vector<qint64> types;
-        qint64 length = 0; // header and values: the payload
-        QString rebuilt;   // what was worked out of a lost start
+        qint64 length = 0;   // header and values: the payload
+        QString rebuilt;     // what was worked out of a lost start
+        bool strong = false; // its cell's start survived, or the freeblock it fills says where it was
     };
     struct Found {
         Record record;
@@ -653,6 +654,11 @@ void SQliteRecovery::Private::loadPages() {
     trunks.assign(size_t(lastPage + 1), 0);
     oldTree.assign(size_t(lastPage + 1), 0);
     if (lastPage >= 1) owned[1] = 1;
+    // An auto-vacuum database keeps pointer-map pages: page 2, then one after every usable / 5
+    // pages they map. They belong to no b-tree and hold no records.
+    if (db.header.largestRootPage != 0 && usable >= 5)
+        for (qint64 p = 2; p <= lastPage; p += usable / 5 + 1)
+            owned[size_t(p)] = 1;
     const qint32 encoding = g.encoding;
     std::vector<uchar> payload;
     std::vector<qint64> overflow;
@@ -790,6 +796,7 @@ bool SQliteRecovery::Private::headerAt(const uchar* data, qint64 pos, qint64 are
     c.valuesAt = pos + headerSize;
     c.length = headerSize;
     c.rebuilt.clear();
+    c.strong = false;
     for (qint64 type : c.types)
         c.length += valueLength(type);
     // The cell's payload length and rowid (a table's) or payload length alone (an index's), when
@@ -806,6 +813,7 @@ bool SQliteRecovery::Private::headerAt(const uchar* data, qint64 pos, qint64 are
             if (t.table && (!varint(data, s + l1, pos, &rowid, &l2) || l2 != rowidLen)) continue;
             c.cellStart = s;
             c.rowid = rowid;
+            c.strong = true;
             break;
         }
     }
@@ -900,6 +908,7 @@ void SQliteRecovery::Private::rebuild(const uchar* data, qint64 f, qint64 end, b
                             continue;
                         c.start = f + kFreeblockHeaderSize;
                         c.cellStart = -1;
+                        c.strong = exact;
                         c.headerSize = headerSize;
                         c.valuesAt = f + p + r + headerSize;
                         c.length = payload;
@@ -1070,6 +1079,10 @@ void SQliteRecovery::Private::place(const Candidate& c, const Target& t, int pag
 void SQliteRecovery::Private::check(const Candidate& c, const Target& t, Record& r) {
     const qint32 encoding = db.header.textEncoding;
     bool empty = true, encodingOk = textOk, affinityOk = true;
+    // A record found by its header alone, or rebuilt to end where another cell starts, must say
+    // enough to be told from noise: two values, or text or a blob of four bytes, and no text of
+    // private-use characters (what stray bytes read as UTF-16 are full of).
+    int said = 0;
     for (int i = 0; i < r.values.size(); ++i) {
         const QVariant& v = r.values.at(i);
         const qint64 type = c.types[size_t(i)];
@@ -1082,6 +1095,10 @@ void SQliteRecovery::Private::check(const Candidate& c, const Target& t, Record&
         case QMetaType::QString: {
             const QString s = v.toString();
             if (!s.isEmpty()) empty = false;
+            said += s.size() >= 4 ? 2 : 1;
+            if (!c.strong)
+                for (const QChar ch : s)
+                    encodingOk = encodingOk && !(ch.unicode() >= 0xE000 && ch.unicode() < 0xF900);
             if (encoding == Utf16le || encoding == Utf16be) encodingOk = encodingOk && validUtf16(s);
             encodingOk = encodingOk && !mostlyControl(s);
             if ((a == SQliteSchema::IntegerAffinity || a == SQliteSchema::RealAffinity ||
@@ -1093,16 +1110,19 @@ void SQliteRecovery::Private::check(const Candidate& c, const Target& t, Record&
         case QMetaType::QByteArray: {
             // A blob of zero bytes, or nearly, is nothing either.
             const QByteArray b = v.toByteArray();
+            said += b.size() >= 4 ? 2 : 1;
             if (b.count('\0') * 4 < b.size() * 3) empty = false;
             break;
         }
         case QMetaType::LongLong:
             if (v.toLongLong() != 0) empty = false;
+            ++said;
             if (a == SQliteSchema::TextAffinity) affinityOk = false;
             break;
         case QMetaType::Double: {
             const double x = v.toDouble();
             if (x != 0) empty = false;
+            ++said;
             if (a == SQliteSchema::TextAffinity) affinityOk = false;
             // An integral float in an integer column would have been stored as an integer.
             if ((a == SQliteSchema::IntegerAffinity || a == SQliteSchema::NumericAffinity) && type == 7 &&
@@ -1117,9 +1137,18 @@ void SQliteRecovery::Private::check(const Candidate& c, const Target& t, Record&
     if (!encodingOk) r.reasons << kEncoding;
     if (!affinityOk) r.reasons << kAffinity;
     // The rowid of a cell that survived whole says something of its own.
-    if (empty && !(t.table && r.rowidKnown && r.rowid != 0 && c.cellStart >= 0)) r.reasons << kEmpty;
+    if ((empty && !(t.table && r.rowidKnown && r.rowid != 0 && c.cellStart >= 0)) || (!c.strong && said < 2))
+        r.reasons << kEmpty;
 
-    if (t.live) {
+    // A stale copy of a live row of another table of the same shape.
+    for (const auto& other : targets)
+        if (other.get() != &t && other->live && other->size() == t.size() && other->table == t.table &&
+            (r.rowidKnown ? other->liveWithRowid.contains(rowKey(hashes, other->alias, &r.rowid))
+                          : other->liveValues.contains(rowKey(hashes, other->alias)))) {
+            r.reasons << kLive;
+            break;
+        }
+    if (t.live && !r.reasons.contains(kLive)) {
         // The values as stored (the alias column aside), as the live rows were keyed.
         if (r.rowidKnown ? t.liveWithRowid.contains(rowKey(hashes, t.alias, &r.rowid))
                          : t.liveValues.contains(rowKey(hashes, t.alias))) {
