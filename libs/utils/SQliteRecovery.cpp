@@ -144,53 +144,126 @@ quint64 valuesKey(const QList<QVariant>& values, int alias, const qint64* rowid)
     return h;
 }
 
-// A set of 64-bit keys (hashes, so their low bits are spread): open addressing, 16 bytes a key.
-class KeySet {
+// The live rows of a table, by the hashes of their values (32 bits each), looked up by rowid
+// (rows come in rowid order), by all their values, or by either half of them: a row that
+// differs from a live one in one value at most equals it in one half.
+class LiveRows {
 public:
-    void clear() {
-        m_slots.assign(1024, 0);
-        m_count = 0;
-        m_zero = false;
+    void reset(int columns, int alias) {
+        *this = LiveRows();
+        m_columns = columns;
+        m_alias = alias;
+        for (int i = 0; i < columns; ++i)
+            if (i != alias) m_informative.push_back(i);
+        const size_t half = m_informative.size() / 2;
+        m_a.assign(m_informative.begin(), m_informative.begin() + qint64(half));
+        m_b.assign(m_informative.begin() + qint64(half), m_informative.end());
     }
-    void insert(quint64 key) {
-        if (key == 0) {
-            m_zero = true;
-            return;
+    void add(qint64 rowid, const std::vector<quint64>& hashes) {
+        const quint32 row = quint32(m_rowids.size());
+        m_rowids.push_back(rowid);
+        m_sorted = m_sorted && (m_rowids.size() < 2 || m_rowids[row - 1] < rowid);
+        for (int i = 0; i < m_columns; ++i)
+            m_hashes.push_back(fold(hashes[size_t(i)]));
+        m_all.insert(key(hashes, m_informative), row);
+        if (m_a.size() && m_b.size()) {
+            m_byA.insert(key(hashes, m_a), row);
+            m_byB.insert(key(hashes, m_b), row);
         }
-        if (m_slots.empty()) clear();
-        if (2 * (m_count + 1) > m_slots.size()) grow();
-        if (place(m_slots, key)) ++m_count;
     }
-    bool contains(quint64 key) const {
-        if (key == 0) return m_zero;
-        if (m_slots.empty()) return false;
-        const size_t mask = m_slots.size() - 1;
-        for (size_t i = size_t(key) & mask;; i = (i + 1) & mask) {
-            if (m_slots[i] == key) return true;
-            if (m_slots[i] == 0) return false;
+    int size() const { return int(m_rowids.size()); }
+    bool hasRowid(qint64 rowid) const { return rowRange(rowid).first < rowRange(rowid).second; }
+
+    // How a record stands to the live rows: Same (a live row, the rowid too when it is known),
+    // Near (a live row but for one value, with the same rowid when it is known) or None. Only
+    // the values known marks are compared.
+    enum Match { None, Near, Same };
+    Match match(const std::vector<quint64>& hashes, const std::vector<bool>& known,
+                const qint64* rowid) const {
+        Match best = None;
+        auto consider = [&](quint32 row) {
+            int differ = 0;
+            for (int i : m_informative)
+                if (known[size_t(i)] &&
+                    fold(hashes[size_t(i)]) != m_hashes[size_t(row) * size_t(m_columns) + size_t(i)])
+                    ++differ;
+            if (differ == 0)
+                best = Same;
+            else if (differ == 1 && best == None)
+                best = Near;
+        };
+        if (rowid) {
+            const auto range = rowRange(*rowid);
+            for (size_t row = range.first; row < range.second && best != Same; ++row)
+                consider(quint32(row));
+            return best;
         }
+        const bool whole =
+            std::all_of(m_informative.begin(), m_informative.end(), [&](int i) { return known[size_t(i)]; });
+        if (whole) m_all.lookup(key(hashes, m_informative), consider);
+        for (const auto* half : {&m_a, &m_b}) {
+            if (best == Same || half->empty() || (whole && m_b.empty())) continue;
+            if (std::all_of(half->begin(), half->end(), [&](int i) { return known[size_t(i)]; }))
+                (half == &m_a ? m_byA : m_byB).lookup(key(hashes, *half), consider);
+        }
+        return best;
     }
 
 private:
-    static bool place(std::vector<quint64>& table, quint64 key) {
-        const size_t mask = table.size() - 1;
-        for (size_t i = size_t(key) & mask;; i = (i + 1) & mask) {
-            if (table[i] == key) return false;
-            if (table[i] == 0) {
-                table[i] = key;
-                return true;
+    // Rows by a 32-bit key: open addressing, a key of 0 marking an empty slot.
+    struct RowMap {
+        struct Entry {
+            quint32 key = 0, row = 0;
+        };
+        std::vector<Entry> entries;
+        size_t count = 0;
+        static size_t slot(quint32 k, size_t mask) { return (size_t(k) * 0x9E3779B1u) & mask; }
+        void insert(quint32 k, quint32 row) {
+            if (2 * (count + 1) > entries.size()) {
+                std::vector<Entry> bigger(std::max<size_t>(1024, entries.size() * 2));
+                for (const Entry& e : entries)
+                    if (e.key) place(bigger, e);
+                entries.swap(bigger);
             }
+            place(entries, {k, row});
+            ++count;
         }
+        static void place(std::vector<Entry>& table, Entry e) {
+            const size_t mask = table.size() - 1;
+            size_t i = slot(e.key, mask);
+            while (table[i].key)
+                i = (i + 1) & mask;
+            table[i] = e;
+        }
+        template <typename F> void lookup(quint32 k, F visit) const {
+            if (entries.empty()) return;
+            const size_t mask = entries.size() - 1;
+            for (size_t i = slot(k, mask); entries[i].key; i = (i + 1) & mask)
+                if (entries[i].key == k) visit(entries[i].row);
+        }
+    };
+    static quint32 fold(quint64 h) { return quint32(h >> 32) ^ quint32(h); }
+    static quint32 key(const std::vector<quint64>& hashes, const std::vector<int>& columns) {
+        quint64 h = 5;
+        for (int i : columns)
+            h = mix(h, hashes[size_t(i)]);
+        return fold(h) | 1;
     }
-    void grow() {
-        std::vector<quint64> bigger(m_slots.size() * 2, 0);
-        for (quint64 key : m_slots)
-            if (key) place(bigger, key);
-        m_slots.swap(bigger);
+    std::pair<size_t, size_t> rowRange(qint64 rowid) const {
+        if (m_sorted) {
+            const auto range = std::equal_range(m_rowids.begin(), m_rowids.end(), rowid);
+            return {size_t(range.first - m_rowids.begin()), size_t(range.second - m_rowids.begin())};
+        }
+        for (size_t i = 0; i < m_rowids.size(); ++i)
+            if (m_rowids[i] == rowid) return {i, i + 1};
+        return {0, 0};
     }
-    std::vector<quint64> m_slots;
-    size_t m_count = 0;
-    bool m_zero = false;
+    int m_columns = 0, m_alias = -1;
+    std::vector<int> m_informative, m_a, m_b;
+    std::vector<qint64> m_rowids;
+    bool m_sorted = true;
+    std::vector<quint32> m_hashes;
+    RowMap m_all, m_byA, m_byB;
 };
 
 // A value's hash: equal values as stored give equal hashes.
@@ -210,15 +283,6 @@ quint64 valueHash(const SQliteValue& v) {
     default:
         return 10;
     }
-}
-
-// A key for a record from the hashes of its values: all but the alias column, and but left
-// when it is given; with the rowid when one is given.
-quint64 rowKey(const std::vector<quint64>& hashes, int alias, const qint64* rowid = nullptr, int left = -1) {
-    quint64 h = rowid ? mix(1, quint64(*rowid)) : 2;
-    for (size_t i = 0; i < hashes.size(); ++i)
-        if (int(i) != alias) h = mix(h, int(i) == left ? 0x5EEDULL : hashes[i]);
-    return h;
 }
 
 // A varint read from memory, bounded: false when it runs past end.
@@ -268,17 +332,16 @@ struct Target {
     // The classes of serial types (NULL, each integer width, float, 0, 1, text, blob) that each
     // column's live values have, one bit per class, and how many live rows there were.
     std::vector<quint16> seen;
-    qint64 liveRows = 0;
     static int typeClass(qint64 type) { return type <= 9 ? int(type) : type % 2 ? 10 : 11; }
     // Whether every value of a reading has a class its column's live values have, when there are
     // enough live rows to tell.
     bool usual(const std::vector<qint64>& types) const {
-        if (liveRows < 16 || seen.size() < types.size()) return false;
+        if (liveRows.size() < 16 || seen.size() < types.size()) return false;
         for (size_t i = 0; i < types.size(); ++i)
             if (int(i) != alias && !(seen[i] & (1u << typeClass(types[i])))) return false;
         return true;
     }
-    KeySet liveWithRowid, liveValues, liveAllButOne, liveRowids;
+    LiveRows liveRows;
     int index = 0;
 
     int size() const { return int(columns.size()); }
@@ -390,6 +453,7 @@ struct SQliteRecovery::Private {
     void prepareScan();
     bool textOk = true;          // the text of the record just read is valid in the database's encoding
     std::vector<quint64> hashes; // of the values of the record just read, as stored
+    std::vector<bool> intact;    // which of them were read whole
 
     // Tables
     void addTarget(const QString& name, const SQliteSchema::Table& schema, qint64 root, bool isDropped);
@@ -674,10 +738,8 @@ void SQliteRecovery::Private::loadPages() {
             if (!candidate->dropped && candidate->wanted && candidate->root == o.rootPage)
                 t = candidate.get();
         if (t) {
-            for (KeySet* set : {&t->liveWithRowid, &t->liveValues, &t->liveAllButOne, &t->liveRowids})
-                set->clear();
+            t->liveRows.reset(t->size(), t->alias);
             t->seen.assign(size_t(t->size()), 0);
-            t->liveRows = 0;
         }
         const int n = t ? t->size() : 0;
         tree.walk(
@@ -706,16 +768,7 @@ void SQliteRecovery::Private::loadPages() {
                     if (size_t(i) < header.types.size())
                         t->seen[size_t(i)] |= quint16(1u << Target::typeClass(header.types[size_t(i)]));
                 }
-                const qint64 rowid = e.cell.rowid;
-                if (t->table) {
-                    t->liveRowids.insert(mix(3, quint64(rowid)));
-                    t->liveWithRowid.insert(rowKey(hashes, t->alias, &rowid));
-                }
-                t->liveValues.insert(rowKey(hashes, t->alias));
-                ++t->liveRows;
-                if (t->informative() >= 2)
-                    for (int i = 0; i < n; ++i)
-                        if (i != t->alias) t->liveAllButOne.insert(rowKey(hashes, t->alias, nullptr, i));
+                t->liveRows.add(t->table ? e.cell.rowid : 0, hashes);
                 return true;
             },
             [&](qint64 page, int) { mark(page); });
@@ -1028,6 +1081,7 @@ void SQliteRecovery::Private::finish(const uchar* data, qint64 areaEnd, const Ca
     bool cut = false;
     textOk = true;
     hashes.assign(c.types.size(), valueHash(SQliteValue()));
+    intact.assign(c.types.size(), false);
     for (size_t i = 0; i < c.types.size(); ++i) {
         const qint64 type = c.types[i];
         const qint64 len = valueLength(type);
@@ -1055,6 +1109,7 @@ void SQliteRecovery::Private::finish(const uchar* data, qint64 areaEnd, const Ca
         SQliteCodec::stored(type, p + at, len, encoding, &v);
         t.realify(int(i), v);
         hashes[i] = valueHash(v);
+        intact[i] = true;
         r.values.append(v.toVariant());
         at += len;
     }
@@ -1140,28 +1195,23 @@ void SQliteRecovery::Private::check(const Candidate& c, const Target& t, Record&
     if ((empty && !(t.table && r.rowidKnown && r.rowid != 0 && c.cellStart >= 0)) || (!c.strong && said < 2))
         r.reasons << kEmpty;
 
-    // A stale copy of a live row of another table of the same shape.
-    for (const auto& other : targets)
-        if (other.get() != &t && other->live && other->size() == t.size() && other->table == t.table &&
-            (r.rowidKnown ? other->liveWithRowid.contains(rowKey(hashes, other->alias, &r.rowid))
-                          : other->liveValues.contains(rowKey(hashes, other->alias)))) {
+    // A live row, or an earlier version of one (its rowid and all its values but one, or all but
+    // one of four values or more), or a stale copy of another table's live row; of a record that
+    // broke off, the values it keeps whole.
+    const qint64* rowid = r.rowidKnown ? &r.rowid : nullptr;
+    int whole = 0;
+    for (int i = 0; i < int(intact.size()); ++i)
+        whole += i != t.alias && intact[size_t(i)];
+    if (whole >= std::min(2, t.informative())) {
+        LiveRows::Match m = t.live ? t.liveRows.match(hashes, intact, rowid) : LiveRows::None;
+        for (const auto& other : targets)
+            if (m != LiveRows::Same && other.get() != &t && other->live && other->size() == t.size() &&
+                other->table == t.table && other->liveRows.match(hashes, intact, rowid) == LiveRows::Same)
+                m = LiveRows::Same;
+        if (m == LiveRows::Same)
             r.reasons << kLive;
-            break;
-        }
-    if (t.live && !r.reasons.contains(kLive)) {
-        // The values as stored (the alias column aside), as the live rows were keyed.
-        if (r.rowidKnown ? t.liveWithRowid.contains(rowKey(hashes, t.alias, &r.rowid))
-                         : t.liveValues.contains(rowKey(hashes, t.alias))) {
-            r.reasons << kLive;
-        } else if (r.rowidKnown ? t.informative() >= 2 && t.liveRowids.contains(mix(3, quint64(r.rowid)))
-                                : t.nearMatches()) {
-            // An earlier version of a live row: its rowid (when it survived) and all its values
-            // but one are a live row's; a rowid used again by another row is no such thing.
-            bool earlier = false;
-            for (int i = 0; i < int(hashes.size()) && !earlier; ++i)
-                earlier = i != t.alias && t.liveAllButOne.contains(rowKey(hashes, t.alias, nullptr, i));
-            if (earlier) r.reasons << kSuperseded;
-        }
+        else if (m == LiveRows::Near && (rowid ? t.informative() >= 2 : t.nearMatches()))
+            r.reasons << kSuperseded;
     }
     if (!r.reasons.isEmpty()) r.verdict = Held;
 }
