@@ -235,11 +235,14 @@ private:
                 i = (i + 1) & mask;
             table[i] = e;
         }
+        // Visits the rows of key k, the first 64 of them: a key that many rows share (a value
+        // most rows hold) is looked at no further.
         template <typename F> void lookup(quint32 k, F visit) const {
             if (entries.empty()) return;
             const size_t mask = entries.size() - 1;
-            for (size_t i = slot(k, mask); entries[i].key; i = (i + 1) & mask)
-                if (entries[i].key == k) visit(entries[i].row);
+            int visited = 0;
+            for (size_t i = slot(k, mask); entries[i].key && visited < 64; i = (i + 1) & mask)
+                if (entries[i].key == k) visit(entries[i].row), ++visited;
         }
     };
     static quint32 fold(quint64 h) { return quint32(h >> 32) ^ quint32(h); }
@@ -450,6 +453,7 @@ struct SQliteRecovery::Private {
     // What can start a record of some table, worked out before a search: a one-byte header
     // size, then a one-byte first serial type.
     std::vector<uchar> headerSizeOk, firstTypeOk;
+    bool longHeaders = false; // a table has columns enough for a header of 128 bytes or more
     void prepareScan();
     bool textOk = true;          // the text of the record just read is valid in the database's encoding
     std::vector<quint64> hashes; // of the values of the record just read, as stored
@@ -807,8 +811,10 @@ void SQliteRecovery::Private::loadPages() {
 void SQliteRecovery::Private::prepareScan() {
     headerSizeOk.assign(128, 0);
     firstTypeOk.assign(128, 0);
+    longHeaders = false;
     for (const auto& t : targets) {
         const int n = t->size();
+        longHeaders = longHeaders || 1 + 9 * n >= 128;
         for (int h = n + 1; h < 128 && h <= 1 + 9 * n; ++h)
             headerSizeOk[size_t(h)] = 1;
         for (int type = 0; type < 128; ++type)
@@ -1199,6 +1205,10 @@ void SQliteRecovery::Private::check(const Candidate& c, const Target& t, Record&
     // one of four values or more), or a stale copy of another table's live row; of a record that
     // broke off, the values it keeps whole.
     const qint64* rowid = r.rowidKnown ? &r.rowid : nullptr;
+    if (!r.reasons.isEmpty()) { // held back already
+        r.verdict = Held;
+        return;
+    }
     int whole = 0;
     for (int i = 0; i < int(intact.size()); ++i)
         whole += i != t.alias && intact[size_t(i)];
@@ -1288,14 +1298,11 @@ void SQliteRecovery::Private::searchArea(const uchar* data, int pageNo, Region r
                                          const Target* owner, std::vector<Found>& found, bool leaf) {
     Candidate c;
     std::vector<Found> readings;
-    QVector<qint64> headAt;
-    for (const auto& h : heads)
-        headAt.append(h.first);
+    int nextHead = 0; // heads come in order of offset
     for (qint64 pos = start; pos < end; ++pos) {
         // A record whose header starts here, for each table it fits; most places start none.
         const uchar b0 = data[pos], b1 = pos + 1 < end ? data[pos + 1] : 0;
-        const bool maybe = b0 >= 0x80 || (headerSizeOk[b0] && (b1 >= 0x80 || firstTypeOk[b1]));
-        std::vector<Found> fits;
+        const bool maybe = b0 >= 0x80 ? longHeaders : headerSizeOk[b0] && (b1 >= 0x80 || firstTypeOk[b1]);
         for (const auto& tp : targets) {
             if (!maybe) break;
             const Target& t = *tp;
@@ -1307,16 +1314,13 @@ void SQliteRecovery::Private::searchArea(const uchar* data, int pageNo, Region r
             finish(data, end, c, t, f.record);
             place(c, t, pageNo, region, c.cellStart >= 0 ? c.cellStart : c.start, f.record);
             f.strength = c.cellStart >= 0 ? 3 : 2;
-            fits.push_back(f);
-        }
-        if (!fits.empty()) {
-            found.push_back(fits.front());
-            for (size_t i = 1; i < fits.size(); ++i)
-                found.push_back(fits[i]);
+            found.push_back(std::move(f));
         }
         // A cell whose first four bytes a freeblock header overwrote: a freeblock still in the
         // chain starts at pos, or the bytes before pos + 4 read as one that was.
-        const int head = headAt.indexOf(pos);
+        while (nextHead < heads.size() && heads[nextHead].first < pos)
+            ++nextHead;
+        const int head = nextHead < heads.size() && heads[nextHead].first == pos ? nextHead : -1;
         const qint64 former = head < 0 && leaf && pos + 4 < end ? formerFreeblockEnd(data, pos + 4) : -1;
         if (head < 0 && former < 0) continue;
         const qint64 blockEnd = std::min(end, head >= 0 ? pos + heads[head].second : former);
@@ -1577,9 +1581,17 @@ void SQliteRecovery::Private::findDropped() {
         pages.push_back(p);
     for (qint64 p = 2; p <= lastPage; ++p)
         if (!owned[size_t(p)]) pages.push_back(int(p));
+    // A schema row holds its statement: a page without the word CREATE (in the database's
+    // encoding) holds none.
+    QByteArray create;
+    for (const char ch : QByteArray("CREATE ")) {
+        if (db.header.textEncoding == Utf16be) create += '\0';
+        create += ch;
+        if (db.header.textEncoding == Utf16le) create += '\0';
+    }
     for (int page : pages) {
         const QByteArray bytes = readPage(page);
-        if (bytes.size() < usable) continue;
+        if (bytes.size() < usable || !bytes.contains(create)) continue;
         found.clear();
         const uchar* data = reinterpret_cast<const uchar*>(bytes.constData());
         searchPage(data, page, owned[size_t(page)] != 0, owned[size_t(page)] ? &master : nullptr, found);
