@@ -18,6 +18,8 @@
 #include <cmath>
 #include <cstring>
 #include <memory>
+#include <mutex>
+#include <thread>
 #include <vector>
 
 using namespace sqlitefmt;
@@ -172,7 +174,12 @@ public:
         }
     }
     int size() const { return int(m_rowids.size()); }
-    bool hasRowid(qint64 rowid) const { return rowRange(rowid).first < rowRange(rowid).second; }
+    // Ready for matching once every live row was added.
+    void freeze() {
+        m_all.freeze();
+        m_byA.freeze();
+        m_byB.freeze();
+    }
 
     // How a record stands to the live rows: Same (a live row, the rowid too when it is known),
     // Near (a live row but for one value, with the same rowid when it is known) or None. Only
@@ -210,39 +217,25 @@ public:
     }
 
 private:
-    // Rows by a 32-bit key: open addressing, a key of 0 marking an empty slot.
+    // Rows by a 32-bit key: pairs gathered, then sorted once.
     struct RowMap {
-        struct Entry {
-            quint32 key = 0, row = 0;
-        };
-        std::vector<Entry> entries;
-        size_t count = 0;
-        static size_t slot(quint32 k, size_t mask) { return (size_t(k) * 0x9E3779B1u) & mask; }
+        std::vector<quint64> pairs; // key << 32 | row
+        bool sorted = true;
         void insert(quint32 k, quint32 row) {
-            if (2 * (count + 1) > entries.size()) {
-                std::vector<Entry> bigger(std::max<size_t>(1024, entries.size() * 2));
-                for (const Entry& e : entries)
-                    if (e.key) place(bigger, e);
-                entries.swap(bigger);
-            }
-            place(entries, {k, row});
-            ++count;
+            pairs.push_back(quint64(k) << 32 | row);
+            sorted = false;
         }
-        static void place(std::vector<Entry>& table, Entry e) {
-            const size_t mask = table.size() - 1;
-            size_t i = slot(e.key, mask);
-            while (table[i].key)
-                i = (i + 1) & mask;
-            table[i] = e;
+        void freeze() {
+            if (!sorted) std::sort(pairs.begin(), pairs.end());
+            sorted = true;
         }
         // Visits the rows of key k, the first 64 of them: a key that many rows share (a value
         // most rows hold) is looked at no further.
         template <typename F> void lookup(quint32 k, F visit) const {
-            if (entries.empty()) return;
-            const size_t mask = entries.size() - 1;
-            int visited = 0;
-            for (size_t i = slot(k, mask); entries[i].key && visited < 64; i = (i + 1) & mask)
-                if (entries[i].key == k) visit(entries[i].row), ++visited;
+            auto it = std::lower_bound(pairs.begin(), pairs.end(), quint64(k) << 32);
+            for (int visited = 0; it != pairs.end() && quint32(*it >> 32) == k && visited < 64;
+                 ++it, ++visited)
+                visit(quint32(*it));
         }
     };
     static quint32 fold(quint64 h) { return quint32(h >> 32) ^ quint32(h); }
@@ -455,14 +448,24 @@ struct SQliteRecovery::Private {
     std::vector<uchar> headerSizeOk, firstTypeOk;
     bool longHeaders = false; // a table has columns enough for a header of 128 bytes or more
     void prepareScan();
-    bool textOk = true;          // the text of the record just read is valid in the database's encoding
-    std::vector<quint64> hashes; // of the values of the record just read, as stored
-    std::vector<bool> intact;    // which of them were read whole
+    // What finish() learnt of the record it read, for check(): kept for each thread that
+    // searches pages.
+    struct Reading {
+        bool textOk = true;          // its text is valid in the database's encoding
+        std::vector<quint64> hashes; // of its values as stored
+        std::vector<bool> intact;    // which of them were read whole
+    };
+    static Reading& reading() {
+        static thread_local Reading r;
+        return r;
+    }
+    std::mutex reads; // the reader's page cache, for the threads that search pages
 
     // Tables
     void addTarget(const QString& name, const SQliteSchema::Table& schema, qint64 root, bool isDropped);
     bool buildTargets();
     void loadPages();
+    void findOldTrees();
     QByteArray readPage(int pageNo);
     bool overflowPage(qint64 pageNo) const {
         return pageNo >= 1 && pageNo <= lastPage && !owned[size_t(pageNo)] && !trunks[size_t(pageNo)];
@@ -624,27 +627,38 @@ void SQliteRecovery::Private::addTarget(const QString& name, const SQliteSchema:
 bool SQliteRecovery::Private::buildTargets() {
     targets.clear();
     single = nullptr;
+    droppedKnown = false;
     live = SQliteSchema::read(db);
     for (const SQliteSchema::Object& o : live)
         if (o.type == QLatin1String("table") && o.name != QLatin1String("sqlite_master") && o.table.ok &&
             !o.table.isVirtual && o.rootPage > 0)
             addTarget(o.name, o.table, o.rootPage, false);
+    for (const auto& t : targets)
+        t->wanted = all || t->name == tableName;
+    loadPages();
     findDropped();
     for (const SQliteSchema::Object& o : dropped)
-        if (o.type == QLatin1String("table") && o.table.ok && !o.table.isVirtual)
+        if (o.type == QLatin1String("table") && o.table.ok && !o.table.isVirtual) {
             addTarget(o.name, o.table, o.rootPage, true);
+            if (!targets.empty() && targets.back()->name == o.name)
+                targets.back()->wanted = all || o.name == tableName;
+        }
+    findOldTrees();
     return true;
 }
 
 bool SQliteRecovery::setTable(const QString& name, const QString& givenPattern) {
     d->error.clear();
     d->chosen = false;
-    d->all = false;
-    d->tableName = name;
-    d->buildTargets();
+    // The tables, their pages and live rows are worked out once for a table name.
+    if (d->all || d->tableName != name || d->targets.empty()) {
+        d->all = false;
+        d->tableName = name;
+        d->buildTargets();
+    }
+    d->single = nullptr;
     bool found = false;
     for (const auto& t : d->targets) {
-        t->wanted = t->name == name;
         found = found || t->wanted;
         if (t->wanted && !t->dropped && !d->single) d->single = t.get();
     }
@@ -694,13 +708,13 @@ bool SQliteRecovery::setAllTables() {
     d->tableName.clear();
     d->all = true;
     d->buildTargets();
-    for (const auto& t : d->targets)
-        t->wanted = true;
+    d->single = nullptr;
     d->chosen = true;
     return true;
 }
 
 QByteArray SQliteRecovery::Private::readPage(int pageNo) {
+    const std::lock_guard<std::mutex> lock(reads);
     SQliteSource& src = sqliteSource(db);
     qint64 got = 0;
     const uchar* p = src.bytes(sqliteio::pagePosition(pageSize, pageNo), pageSize, &got);
@@ -776,14 +790,22 @@ void SQliteRecovery::Private::loadPages() {
                 return true;
             },
             [&](qint64 page, int) { mark(page); });
-        if (t) t->live = true;
+        if (t) {
+            t->liveRows.freeze();
+            t->live = true;
+        }
     }
     // The trunks of the free list, as far as its chain can be followed.
     sqliteio::walkFreeList(
         sqliteSource(db), g, quint32(db.header.firstFreeListTrunk),
         [this](qint64 p) { return p >= 1 && p <= lastPage && !owned[size_t(p)]; },
         [this](qint64 p, qint64, const std::vector<quint32>&) { trunks[size_t(p)] = 1; });
-    // The old b-trees of dropped tables, over the free pages they left.
+    pagesKnown = true;
+}
+
+// The old b-trees of dropped tables, over the free pages they left.
+void SQliteRecovery::Private::findOldTrees() {
+    SQliteBtree tree(db);
     std::vector<uchar> image;
     for (const auto& t : targets) {
         if (!t->dropped) continue;
@@ -805,7 +827,6 @@ void SQliteRecovery::Private::loadPages() {
             });
         }
     }
-    pagesKnown = true;
 }
 
 void SQliteRecovery::Private::prepareScan() {
@@ -1085,6 +1106,10 @@ void SQliteRecovery::Private::finish(const uchar* data, qint64 areaEnd, const Ca
     const uchar* p = reinterpret_cast<const uchar*>(values.constData());
     qint64 at = 0;
     bool cut = false;
+    Reading& read = reading();
+    bool& textOk = read.textOk;
+    std::vector<quint64>& hashes = read.hashes;
+    std::vector<bool>& intact = read.intact;
     textOk = true;
     hashes.assign(c.types.size(), valueHash(SQliteValue()));
     intact.assign(c.types.size(), false);
@@ -1139,7 +1164,10 @@ void SQliteRecovery::Private::place(const Candidate& c, const Target& t, int pag
 
 void SQliteRecovery::Private::check(const Candidate& c, const Target& t, Record& r) {
     const qint32 encoding = db.header.textEncoding;
-    bool empty = true, encodingOk = textOk, affinityOk = true;
+    const Reading& read = reading();
+    const std::vector<quint64>& hashes = read.hashes;
+    const std::vector<bool>& intact = read.intact;
+    bool empty = true, encodingOk = read.textOk, affinityOk = true;
     // A record found by its header alone, or rebuilt to end where another cell starts, must say
     // enough to be told from noise: two values, or text or a blob of four bytes, and no text of
     // private-use characters (what stray bytes read as UTF-16 are full of).
@@ -1538,7 +1566,6 @@ void SQliteRecovery::Private::findDropped() {
     master.compiled.reset(new SQliteCodec::Pattern(master.pattern, true));
     master.chooseLost();
     master.wanted = true;
-    loadPages();
     prepareScan();
     QSet<QString> seen;
     const Callback keep = [&](const Record& r) {
@@ -1598,12 +1625,12 @@ void SQliteRecovery::Private::findDropped() {
         report(found, keep);
     }
     targets.swap(saved);
-    pagesKnown = false;
 }
 
 QList<SQliteSchema::Object> SQliteRecovery::droppedObjects() {
     if (!d->droppedKnown) {
         d->live = SQliteSchema::read(d->db);
+        if (!d->pagesKnown) d->loadPages();
         d->findDropped();
     }
     QList<SQliteSchema::Object> objects = d->dropped;
@@ -1620,7 +1647,6 @@ bool SQliteRecovery::forEach(const Callback& callback) {
     if (!d->chosen || d->targets.empty()) return true;
     const Geometry g = sqliteGeometry(d->db);
     if (g.usable < kSmallestUsable) return true; // no valid database has pages this small
-    d->loadPages();
     d->prepareScan();
 
     // The leaves of the tables whose records are passed on, then the pages no table owns.
@@ -1645,16 +1671,38 @@ bool SQliteRecovery::forEach(const Callback& callback) {
     const int total = todo.size() + versions.size();
     d->version.clear();
     std::vector<Private::Found> found;
-    for (int i = 0; i < todo.size(); ++i) {
+    // Pages are read here, a batch at a time, and searched on two threads when there are two
+    // cores; what is found is reported here, page by page, in order.
+    const bool two = std::thread::hardware_concurrency() > 1;
+    constexpr int kBatch = 256;
+    std::vector<QByteArray> images(kBatch);
+    std::vector<std::vector<Private::Found>> results(kBatch);
+    for (int i = 0; i < todo.size(); i += kBatch) {
         if (stopRequested(d->db)) return false;
-        const Job& job = todo.at(i);
-        const QByteArray bytes = d->readPage(job.page);
-        found.clear();
-        if (bytes.size() >= d->usable)
-            d->searchPage(reinterpret_cast<const uchar*>(bytes.constData()), job.page, job.leaf, job.owner,
-                          found);
-        if (!d->report(found, callback, job.owner)) return false;
-        if (d->progress) d->progress(i + 1, total);
+        const int n = std::min<int>(kBatch, todo.size() - i);
+        for (int k = 0; k < n; ++k) {
+            images[size_t(k)] = d->readPage(todo.at(i + k).page);
+            results[size_t(k)].clear();
+        }
+        auto search = [&](int from, int to) {
+            for (int k = from; k < to; ++k) {
+                const Job& job = todo.at(i + k);
+                if (images[size_t(k)].size() >= d->usable)
+                    d->searchPage(reinterpret_cast<const uchar*>(images[size_t(k)].constData()), job.page,
+                                  job.leaf, job.owner, results[size_t(k)]);
+            }
+        };
+        if (two && n > 1) {
+            std::thread helper(search, n / 2, n);
+            search(0, n / 2);
+            helper.join();
+        } else {
+            search(0, n);
+        }
+        for (int k = 0; k < n; ++k) {
+            if (!d->report(results[size_t(k)], callback, todo.at(i + k).owner)) return false;
+            if (d->progress) d->progress(i + k + 1, total);
+        }
     }
     // The versions of pages the database no longer shows: their cells, their free space.
     for (int i = 0; i < versions.size(); ++i) {
