@@ -355,15 +355,13 @@ struct Target {
                !(type == 0 && notNull[size_t(column)]);
     }
     // Whether a serial type that is lost can be guessed for a column: one it accepts, of a class
-    // its affinity keeps as it is (text, not a blob, in a TEXT column; a number or text in a
-    // NUMERIC one).
+    // its affinity keeps as it is (text, not a blob, in a TEXT column; a number in an INTEGER or
+    // REAL one).
     bool keeps(int column, qint64 type) const {
         if (!accepts(column, type)) return false;
         switch (columns[size_t(column)].affinity) {
         case SQliteSchema::TextAffinity:
             return type == 0 || (type >= 13 && type % 2 == 1);
-        case SQliteSchema::NumericAffinity:
-            return type <= 9 || (type >= 13 && type % 2 == 1);
         case SQliteSchema::IntegerAffinity:
         case SQliteSchema::RealAffinity:
             return type <= 9;
