@@ -50,6 +50,10 @@ public:
     // result is loadDb's: false when the database itself cannot be read. A log or journal that
     // cannot be used leaves the view on the main file alone, and note() says why.
     bool load(SQliteDbUtil& db, const QString& path, bool mainFileOnly = false);
+    // The same with the log and the journal read from the files named (an empty name: none),
+    // for a database whose companions are not stored beside it under its own name.
+    bool load(SQliteDbUtil& db, const QString& path, const QString& logFile, const QString& journalFile,
+              bool mainFileOnly = false);
     Applied applied() const { return m_applied; }
     // What the view did with what lay beside the database, for the user: empty when nothing did.
     QString note() const { return m_note; }
