@@ -223,7 +223,8 @@ void RecordWriter::csvRow(const QList<QVariant>& cells) {
         case QMetaType::QString:
         case QMetaType::QStringList: {
             const QString text = v.type() == QVariant::StringList ? v.toStringList().join(' ') : v.toString();
-            if (!text.contains(QRegularExpression("[,\"\r\n]"))) {
+            static const QRegularExpression special("[,\"\r\n]"); // compiled once, not per cell
+            if (!text.contains(special)) {
                 m_buffer += text.toUtf8();
                 break;
             }
