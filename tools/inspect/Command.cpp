@@ -1,5 +1,7 @@
 #include "Command.h"
 
+#include "BackupInput.h"
+
 #include <QByteArray>
 #include <QDateTime>
 #include <QFile>
@@ -115,7 +117,8 @@ bool parseOrExit(const QString& name, Args& args, int minPositional, int maxPosi
     return true;
 }
 
-bool checkInputFile(const QString& path) {
+bool checkInputFile(QString& path) {
+    if (!resolveBackupInput(path)) return false;
     const QFileInfo info(path);
     if (!info.exists()) return fail(path + ": no such file"), false;
     if (info.isDir()) return fail(path + ": is a folder, not a file"), false;

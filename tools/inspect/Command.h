@@ -60,8 +60,9 @@ private:
 bool parseOrExit(const QString& name, Args& args, int minPositional, int maxPositional, int* exit);
 
 // Checks that path names a file that can be read; otherwise prints why ("<path>: no such file",
-// "is a folder", "cannot open for reading") and returns false.
-bool checkInputFile(const QString& path);
+// "is a folder", "cannot open for reading") and returns false. A file inside a device backup,
+// DIR::DOMAIN/PATH, is replaced by the file that stores it (see BackupInput.h).
+bool checkInputFile(QString& path);
 
 // One line "utils-inspect: <message>" on stderr; returns code.
 int fail(const QString& message, int code = Failed);

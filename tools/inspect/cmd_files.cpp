@@ -1,6 +1,7 @@
 // Subcommands over the file, phone-number and time helpers: classify, phone, timestamp.
 #include "Command.h"
 
+#include "BackupInput.h"
 #include "DateUtils.h"
 #include "OSUtils.h"
 #include "PhoneNumberHelper.h"
@@ -47,7 +48,12 @@ int runClassify(const QStringList& argv) {
     QJsonArray results;
     int code = Ok;
     for (const QString& path : args.positional()) {
-        const QFileInfo info(path);
+        QString file = path; // a file in a backup: classified by its name there, read where it is stored
+        if (!resolveBackupInput(file)) {
+            code = Failed;
+            continue;
+        }
+        const QFileInfo info(file);
         if (!info.exists()) {
             code = fail(QString("classify: %1: no such file").arg(path));
             continue;
@@ -58,8 +64,8 @@ int runClassify(const QStringList& argv) {
         }
         const int type = OSUtils::getFileType(path);
         const bool silk = OSUtils::isSilk(path);
-        const bool pictureHeader = OSUtils::isPictureMagic(path);
-        const bool videoHeader = OSUtils::isVideoMagic(path);
+        const bool pictureHeader = OSUtils::isPictureMagic(file);
+        const bool videoHeader = OSUtils::isVideoMagic(file);
         if (args.has("--json")) {
             QJsonObject o;
             o["path"] = path;

@@ -111,7 +111,7 @@ int runManifest(const QStringList& argv) {
     Args args(argv, {"--json"}, {"--out"});
     int exit = Ok;
     if (!parseOrExit("manifest", args, 2, 2, &exit)) return exit;
-    const QString dbPath = args.positional().at(0);
+    QString dbPath = args.positional().at(0);
     if (!checkInputFile(dbPath)) return Failed;
 
     const QtMessageHandler previous = qInstallMessageHandler(collectDebug);
@@ -124,7 +124,7 @@ int runMmkv(const QStringList& argv) {
     Args args(argv, {"--json"}, {});
     int exit = Ok;
     if (!parseOrExit("mmkv", args, 1, 1, &exit)) return exit;
-    const QString path = args.positional().at(0);
+    QString path = args.positional().at(0);
     if (!checkInputFile(path)) return Failed;
 
     MMKVParser store(path);
@@ -153,7 +153,7 @@ int runProtobuf(const QStringList& argv) {
     Args args(argv, {}, {"--as"});
     int exit = Ok;
     if (!parseOrExit("protobuf", args, 2, 2, &exit)) return exit;
-    const QString path = args.positional().at(0);
+    QString path = args.positional().at(0);
     const QString fieldPath = args.positional().at(1);
     const QString as = args.value("--as", "text");
     if (as != "text" && as != "int" && as != "int64")

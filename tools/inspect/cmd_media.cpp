@@ -29,7 +29,7 @@ bool isStdio(const QString& path) {
 }
 
 // Reads a whole file, or stdin for "" and "-". On failure prints why and returns false.
-bool readInput(const QString& path, QByteArray* data) {
+bool readInput(QString path, QByteArray* data) {
     QFile file;
     if (isStdio(path)) {
         if (!file.open(stdin, QIODevice::ReadOnly)) return fail("cannot read standard input"), false;
@@ -91,12 +91,11 @@ int runDuration(const QStringList& argv) {
     Args args(argv, {"--json"}, {"--format", "--name"});
     int code = Ok;
     if (!parseOrExit("duration", args, 1, 1, &code)) return code;
-    const QString path = args.positional().at(0);
+    QString path = args.positional().at(0);
     const QString format = args.value("--format", "hh:mm:ss");
     if (format.isEmpty()) return fail("duration: --format needs a pattern such as mm:ss", Usage);
     if (!checkInputFile(path)) return Failed;
-    const QFileInfo info(path);
-    const QString name = args.value("--name", info.fileName());
+    const QString name = args.value("--name", QFileInfo(args.positional().at(0)).fileName());
 
     const bool silk = OSUtils::isSilk(name);
     if (silk && !hasSilkHeader(path))

@@ -25,7 +25,7 @@ int runPlist(const QStringList& argv) {
     Args args(argv, {}, {});
     int exit = Ok;
     if (!parseOrExit("plist", args, 1, 1, &exit)) return exit;
-    const QString path = args.positional().at(0);
+    QString path = args.positional().at(0);
     if (!checkInputFile(path)) return Failed;
     void* root = nullptr;
     if (!PlistUtils::loadFromFile(path, root))
@@ -39,7 +39,7 @@ int runArchive(const QStringList& argv) {
     Args args(argv, {"--root"}, {});
     int exit = Ok;
     if (!parseOrExit("archive", args, 1, 1, &exit)) return exit;
-    const QString path = args.positional().at(0);
+    QString path = args.positional().at(0);
     if (!checkInputFile(path)) return Failed;
     NSKeyedArchiver archive;
     const bool loaded = args.has("--root") ? archive.loadRootFromFile(path) : archive.loadFromFile(path);
@@ -85,7 +85,7 @@ int runMbdb(const QStringList& argv) {
     Args args(argv, {"--json"}, {});
     int exit = Ok;
     if (!parseOrExit("mbdb", args, 1, 1, &exit)) return exit;
-    const QString path = args.positional().at(0);
+    QString path = args.positional().at(0);
     if (!checkInputFile(path)) return Failed;
     MbdbUtil index;
     if (!index.loadDb(path))

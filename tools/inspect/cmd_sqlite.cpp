@@ -1,6 +1,7 @@
 // tables, rows, recover, freelist: the raw SQLite reader and deleted-record recovery.
 #include "Command.h"
 
+#include "BackupInput.h"
 #include "RecordWriter.h"
 #include "SQliteDbUtil.h"
 #include "SQliteLiveView.h"
@@ -24,9 +25,10 @@ const char* const kPatternHelp = "PATTERN has one character per column: 0-9 exac
 
 // Opens db read-only as the engine would see it: with the write-ahead log or hot journal beside
 // it, unless noWal. Says on stderr what it did with them; on failure prints why and returns false.
-bool openDb(SQliteDbUtil& db, const QString& path, SQliteLiveView& view, bool noWal) {
+bool openDb(SQliteDbUtil& db, QString path, SQliteLiveView& view, bool noWal) {
     if (!checkInputFile(path)) return false;
-    const bool loaded = view.load(db, path, noWal);
+    const bool loaded =
+        view.load(db, path, companionFile(path, "-wal"), companionFile(path, "-journal"), noWal);
     if (!view.note().isEmpty()) note(view.note());
     if (loaded) return true;
     const qint64 size =
@@ -341,19 +343,20 @@ int runWal(const QStringList& argv) {
     Args args(argv, {"--json"}, {});
     int code = Ok;
     if (!parseOrExit("wal", args, 1, 1, &code)) return code;
-    const QString path = args.positional().at(0);
+    QString path = args.positional().at(0);
     if (!checkInputFile(path)) return Failed;
+    const QString logFile = companionFile(path, "-wal"), journalFile = companionFile(path, "-journal");
     SQliteDbUtil db;
     SQliteLiveView view;
-    const bool loaded = view.load(db, path);
-    const bool isLog = QFileInfo(SQliteLiveView::logPath(path)).isFile();
-    const bool isJournal = !isLog && QFileInfo(SQliteLiveView::journalPath(path)).isFile();
+    const bool loaded = view.load(db, path, logFile, journalFile);
+    const bool isLog = !logFile.isEmpty() && QFileInfo(logFile).isFile();
+    const bool isJournal = !isLog && !journalFile.isEmpty() && QFileInfo(journalFile).isFile();
     if (!isLog && !isJournal)
         return fail(path + ": no write-ahead log (-wal) or journal (-journal) beside it");
     if (isLog && view.log().frames.isEmpty() && !view.log().error().isEmpty())
-        return fail(SQliteLiveView::logPath(path) + ": " + view.log().error());
+        return fail(logFile + ": " + view.log().error());
     if (isJournal && view.journal().records.isEmpty())
-        return fail(SQliteLiveView::journalPath(path) + ": " + view.journal().error());
+        return fail(journalFile + ": " + view.journal().error());
     QMap<int, QString> owners;
     QSet<int> freePages;
     if (loaded) {
@@ -373,7 +376,7 @@ int runWal(const QStringList& argv) {
         writer.line(
             QString("%1: magic 0x%2 (%3-endian checksums), format %4, pages of %5 bytes, checkpoint %6, "
                     "salts 0x%7 0x%8, header checksum %9")
-                .arg(SQliteLiveView::logPath(path))
+                .arg(logFile)
                 .arg(h.magic, 8, 16, QChar('0'))
                 .arg(log.bigEndianChecksums() ? "big" : "little")
                 .arg(h.formatVersion)
@@ -418,7 +421,7 @@ int runWal(const QStringList& argv) {
         writer.line(
             QString("%1: %2, %3 records, database of %4 pages before the transaction, sectors of %5 bytes, "
                     "pages of %6 bytes")
-                .arg(SQliteLiveView::journalPath(path))
+                .arg(journalFile)
                 .arg(journal.isHot() ? "hot (an unfinished transaction)"
                                      : "header gone (a finished transaction)")
                 .arg(journal.records.size())
