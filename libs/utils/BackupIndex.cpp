@@ -33,22 +33,29 @@ class ListReader {
 public:
     explicit ListReader(const plistcompat::BinaryList& list) : m(list) {}
 
-    // The value that dictionary object dict holds under an ASCII key; kNone when none.
-    uint64_t value(uint64_t dict, const char* key) const {
+    // Calls fn(key, value) for each entry of dictionary object dict whose key is ASCII text.
+    template <typename Fn> void forEach(uint64_t dict, Fn fn) const {
         unsigned type = 0;
         uint64_t count = 0, at = 0;
         if (!m.object(dict, &type, &count, &at) || type != 0xD || count > (m.dataEnd - at) / m.refSize / 2)
-            return kNone;
-        const uint64_t length = std::strlen(key);
+            return;
         for (uint64_t k = 0; k < count; ++k) {
             unsigned keyType = 0;
             uint64_t keyLength = 0, keyAt = 0;
             if (m.object(m.reference(at, k), &keyType, &keyLength, &keyAt) && keyType == 0x5 &&
-                keyLength == length && length <= m.dataEnd - keyAt &&
-                std::memcmp(m.data + keyAt, key, length) == 0)
-                return m.reference(at, count + k);
+                keyLength <= m.dataEnd - keyAt)
+                fn(QLatin1String(reinterpret_cast<const char*>(m.data + keyAt), int(keyLength)),
+                   m.reference(at, count + k));
         }
-        return kNone;
+    }
+
+    // The value that dictionary object dict holds under an ASCII key; kNone when none.
+    uint64_t value(uint64_t dict, const char* key) const {
+        uint64_t found = kNone;
+        forEach(dict, [&](QLatin1String k, uint64_t v) {
+            if (found == kNone && k == QLatin1String(key)) found = v;
+        });
+        return found;
     }
 
     uint64_t item(uint64_t array, uint64_t index) const {
@@ -162,31 +169,45 @@ bool readArchivedFile(const QByteArray& binaryList, DeviceBackup::Entry& entry) 
         entry.metadataError = "keyed archive without a root object";
         return false;
     }
-    auto field = [&](const char* key) { return resolve(r.value(file, key)); };
-    auto number = [&](const char* key) -> quint64 {
+    auto number = [&](uint64_t object) -> quint64 {
         quint64 v = 0;
         double d = 0;
         bool date = false;
-        if (r.integer(field(key), &v)) return v;
-        return r.real(field(key), &d, &date) && std::fabs(d) < 9e18 ? quint64(qint64(d)) : 0;
+        if (r.integer(object, &v)) return v;
+        return r.real(object, &d, &date) && std::fabs(d) < 9e18 ? quint64(qint64(d)) : 0;
     };
-    auto when = [&](const char* key) {
+    auto when = [&](uint64_t object) {
         quint64 v = 0;
         double d = 0;
         bool date = false;
-        if (r.integer(field(key), &v)) return utcTime(qint64(v));
-        return r.real(field(key), &d, &date) ? utcTime(d, date ? kUnixSecondsAt2001 : 0) : QDateTime();
+        if (r.integer(object, &v)) return utcTime(qint64(v));
+        return r.real(object, &d, &date) ? utcTime(d, date ? kUnixSecondsAt2001 : 0) : QDateTime();
     };
-    entry.size = number("Size");
-    entry.mode = quint32(number("Mode"));
-    entry.userId = qint64(number("UserID"));
-    entry.groupId = qint64(number("GroupID"));
-    entry.inode = number("InodeNumber");
-    entry.protectionClass = qint64(number("ProtectionClass"));
-    entry.modified = when("LastModified");
-    entry.changed = when("LastStatusChange");
-    entry.born = when("Birth");
-    const uint64_t target = field("Target");
+    // One pass over the file object's keys: a listing reads this for every entry.
+    uint64_t target = kNone;
+    r.forEach(file, [&](QLatin1String key, uint64_t value) {
+        value = resolve(value);
+        if (key == QLatin1String("Size"))
+            entry.size = number(value);
+        else if (key == QLatin1String("Mode"))
+            entry.mode = quint32(number(value));
+        else if (key == QLatin1String("UserID"))
+            entry.userId = qint64(number(value));
+        else if (key == QLatin1String("GroupID"))
+            entry.groupId = qint64(number(value));
+        else if (key == QLatin1String("InodeNumber"))
+            entry.inode = number(value);
+        else if (key == QLatin1String("ProtectionClass"))
+            entry.protectionClass = qint64(number(value));
+        else if (key == QLatin1String("LastModified"))
+            entry.modified = when(value);
+        else if (key == QLatin1String("LastStatusChange"))
+            entry.changed = when(value);
+        else if (key == QLatin1String("Birth"))
+            entry.born = when(value);
+        else if (key == QLatin1String("Target"))
+            target = value;
+    });
     const QString plain = r.text(target);
     entry.linkTarget = plain.isEmpty() ? r.text(resolve(r.value(target, "NS.string"))) : plain;
     entry.hasMetadata = true;

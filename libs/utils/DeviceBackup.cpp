@@ -241,7 +241,7 @@ bool DeviceBackup::readIndex() {
                 e.problem = QString("passes through the link %1/%2").arg(e.domain, e.path.left(slash));
     }
     if (unreadable)
-        m_notes << QString("%1 entries without readable metadata (the first, %2/%3: %4)")
+        m_notes << QString("entries without readable metadata: %1 (the first, %2/%3: %4)")
                        .arg(unreadable)
                        .arg(firstUnreadable->domain, firstUnreadable->path, firstUnreadable->metadataError);
     return true;

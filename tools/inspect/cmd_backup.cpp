@@ -107,13 +107,13 @@ int summary(const DeviceBackup& backup, bool opened, bool json) {
         out("Backup date:  " + (info.date.isValid() ? timeText(info.date) : QString("?")));
         out(QString("Encrypted:    %1").arg(info.encrypted ? "yes (decryption is not supported)" : "no"));
         if (opened) {
-            out(QString("Index:        %1, %2 entries: %3 files, %4 folders, %5 links%6")
+            out(QString("Index:        %1, %2 entries (files %3, folders %4, links %5%6)")
                     .arg(format)
                     .arg(backup.entries().size())
                     .arg(kinds[DeviceBackup::File])
                     .arg(kinds[DeviceBackup::Folder])
                     .arg(kinds[DeviceBackup::Link])
-                    .arg(kinds[DeviceBackup::Unknown] ? QString(", %1 of unknown kind").arg(kinds[0]) : ""));
+                    .arg(kinds[DeviceBackup::Unknown] ? QString(", of unknown kind %1").arg(kinds[0]) : ""));
             out(QString("Stored files: %1 present, %2 missing, %3 not named by the index")
                     .arg(present)
                     .arg(missing)
