@@ -257,6 +257,7 @@ TEST_F(Backups, ExtractionStaysInsideOut) {
         EXPECT_EQ(tree(backup(format)), before);
     }
     EXPECT_EQ(runTool({"backup", backup("db"), "--extract", backup("db") + "/ff/out"}).code, 2);
+    EXPECT_EQ(runTool({"backup", backup("db"), "--extract", dir->filePath("cases"), "--force"}).code, 2);
     EXPECT_EQ(runTool({"backup", backup("encrypted"), "--extract", dir->filePath("enc")}).code, 1);
     EXPECT_FALSE(QFileInfo::exists(dir->filePath("enc")));
 }

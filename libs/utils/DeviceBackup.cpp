@@ -129,11 +129,12 @@ void DeviceBackup::readPropertyLists() {
         Tree tree(nullptr, &freeTree);
         const QString path = m_folder + '/' + name;
         const QFileInfo info(path);
-        if (!info.exists()) {
+        if (!info.exists() && !info.isSymLink()) {
             m_notes << QString("%1: not in the backup").arg(name);
-        } else if (!info.isFile() || info.size() > kMaxListSize) {
-            m_notes
-                << QString("%1: not a plain file of at most %2 bytes; not read").arg(name).arg(kMaxListSize);
+        } else if (!info.isFile() || info.isSymLink() || info.size() > kMaxListSize) {
+            m_notes << QString("%1: not a plain file (a link is not followed) of at most %2 bytes; not read")
+                           .arg(name)
+                           .arg(kMaxListSize);
         } else {
             void* root = nullptr;
             if (PlistUtils::loadFromFile(path, root) && isType(static_cast<plist_t>(root), PLIST_DICT)) {
@@ -176,6 +177,9 @@ void DeviceBackup::readPropertyLists() {
 bool DeviceBackup::readIndex() {
     const QString db = m_folder + "/Manifest.db", mbdb = m_folder + "/Manifest.mbdb";
     QString error;
+    for (const QString& index : {db, mbdb})
+        if (QFileInfo(index).isSymLink())
+            return m_error = QFileInfo(index).fileName() + ": is a link, which is not followed", false;
     if (QFileInfo(db).isFile()) {
         m_format = ManifestDb;
         bool cipherText = false;

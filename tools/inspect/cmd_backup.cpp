@@ -284,6 +284,9 @@ int extract(const DeviceBackup& backup, const Filter& filter, const QString& out
         return fail(outFolder + ": is inside the backup, which is never written", Usage);
     if (QFileInfo::exists(target) && !QFileInfo(target).isDir())
         return fail(outFolder + ": is not a folder", Usage);
+    // A domain named as the backup folder would lead into it from a folder that holds it.
+    if (QFileInfo::exists(target) && root.startsWith(QFileInfo(target).canonicalFilePath() + '/'))
+        return fail(outFolder + ": holds the backup, which is never written; extract elsewhere", Usage);
     if (!force &&
         !QDir(target).isEmpty(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System))
         return fail(outFolder + ": is not empty (--force writes into it, over the files there)");
