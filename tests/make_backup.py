@@ -79,7 +79,7 @@ def archive(entry, inode):
     root["RelativePath"] = add(entry["path"])
     if "target" in entry:
         root["Target"] = add(entry["target"])
-    root["$class"] = add({"$classname": "MBFile", "$classes": ["MBFile", "NSObject"]})
+    root["$class"] = add({"$classname": "FileRecord", "$classes": ["FileRecord", "NSObject"]})
     return plistlib.dumps(
         {"$version": 100000, "$archiver": "NSKeyedArchiver", "$top": {"root": plistlib.UID(1)}, "$objects": objects},
         fmt=plistlib.FMT_BINARY,
