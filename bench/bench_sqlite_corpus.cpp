@@ -1,9 +1,12 @@
 // The reader against the sqlite3 library on a large chat database made by
 // bench/make_corpus.py (scripts/bench.sh makes it and runs this with UTILS_BENCH_DB set):
-// loading, the live rows of the message table next to the library stepping through the same
-// rows and reading every column, and the deleted-record scan in bytes scanned per second.
+// loading, the live rows of the message table (the documented list, the scanner's walk and the
+// rows as the engine reads them) next to the library stepping through the same rows and reading
+// every column, and the deleted-record scan in bytes scanned per second.
 #include "SQliteDbUtil.h"
+#include "SQliteLoader.h"
 #include "SQliteScanner.h"
+#include "SQliteTableReader.h"
 
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
@@ -68,6 +71,24 @@ void BM_ScannerForEachRecord(benchmark::State& state) {
     state.counters["rows/s"] = benchmark::Counter(double(rows), benchmark::Counter::kIsRate);
 }
 BENCHMARK(BM_ScannerForEachRecord)->Unit(benchmark::kMillisecond)->MinTime(3.0);
+
+// The same rows as the engine reads them (SQliteTableReader), every value looked at.
+void BM_TableReaderRows(benchmark::State& state) {
+    SQliteDbUtil reader;
+    SQliteLoader::load(reader, corpus(), SQliteLoader::LikeTheEngine);
+    SQliteTableReader table(reader);
+    table.setTable(kTable);
+    qint64 rows = 0, bytes = 0;
+    for (auto _ : state)
+        table.forEachRow([&](const SQliteTableReader::Row& row) {
+            for (int i = 0; i < row.size(); ++i)
+                bytes += row.value(i).size;
+            return ++rows, true;
+        });
+    benchmark::DoNotOptimize(bytes);
+    state.counters["rows/s"] = benchmark::Counter(double(rows), benchmark::Counter::kIsRate);
+}
+BENCHMARK(BM_TableReaderRows)->Unit(benchmark::kMillisecond)->MinTime(3.0);
 
 // The same rows through the library, reading every column as its own type.
 void BM_Sqlite3Scan(benchmark::State& state) {

@@ -6,9 +6,11 @@ packages=(
   g++ cmake make pkg-config
   qtbase5-dev libqt5sql5-sqlite
   libplist-dev libprotobuf-dev protobuf-compiler
-  libavformat-dev libssl-dev zlib1g-dev
+  libavformat-dev libssl-dev zlib1g-dev libmagic-dev
   libsqlite3-dev sqlite3 googletest libgtest-dev libgmock-dev libbenchmark-dev
   python3 time
+  # the reference tools and producers the tool's tests compare with
+  libplist-utils ffmpeg file
 )
 missing=()
 for p in "${packages[@]}"; do

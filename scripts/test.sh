@@ -22,4 +22,11 @@ case "${SANITIZE:-0}" in
     ;;
 esac
 cd "${BUILD_DIR:-build}"
-QT_QPA_PLATFORM=offscreen ctest --output-on-failure -j"$(nproc)" --timeout 300
+# A failing test prints its output where it fails, and the list of failed tests comes again last.
+status=0
+QT_QPA_PLATFORM=offscreen ctest --output-on-failure -j"$(nproc)" --timeout 300 || status=$?
+if [ "$status" -ne 0 ] && [ -f Testing/Temporary/LastTestsFailed.log ]; then
+  echo "Failed tests ($PWD/Testing/Temporary/LastTestsFailed.log):"
+  cat Testing/Temporary/LastTestsFailed.log
+fi
+exit "$status"

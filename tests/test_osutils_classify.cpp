@@ -44,8 +44,6 @@ TEST(Classify, InspectTool) {
               "+8613800138000: country code 86, country CN, national number 13800138000\n"
               "12015550123: no country found, national number 12015550123\n");
     toolOut({"phone"}, 2);
-    EXPECT_EQ(toolOut({"timestamp", "1600000000000", "--format", "yyyy-MM-dd HH:mm"}, 0),
+    EXPECT_EQ(toolOut({"timestamp", "1600000000000", "--documented", "--format", "yyyy-MM-dd HH:mm"}, 0),
               "2020-09-14 04:26\n");
-    EXPECT_EQ(toolOut({"timestamp", "0", "--apple"}, 0), "2001-01-01 08:00:00\n");
-    toolOut({"timestamp", "12abc"}, 1);
 }

@@ -55,7 +55,7 @@ protected:
              QByteArray::fromHex("6d6264620500000a486f6d65446f6d61696e0005612e747874ffffffffffff81a4"
                                  "01010101010101010101010101010101010101010101010101010101"
                                  "0000000000000009030100016b000176")},
-            {"mmkv.default", QByteArray::fromHex("1000000001046e616d650504416e6e61")}, // name = "Anna"
+            {"mmkv.default", QByteArray::fromHex("0c00000001046e616d650504416e6e61")}, // name = "Anna"
             {"message.pb", QByteArray::fromHex("0a0568656c6c6f109601")},               // 1: "hello", 2: 150
             {"voice.slk", silkNote(60, true)},
             {"3f2a9c", silkNote(152, true)},
@@ -195,11 +195,12 @@ TEST_F(ReadOnly, ToolCommands) {
         {{"recover", "chat.db", "message", "iissii", "--raw", "--with-header", "--free-list"}, 0, ""},
         {{"recover", "chat.db", "message", "--all", "--csv"},
          0,
-         "page,offset,region,version,verdict,reasons,rowid,overflow,id,chat_id,sender,body,sent_at,"
-         "is_from_me\r\n"},
+         "table,dropped,page,offset,region,version,verdict,reasons,rowid,overflow,ambiguous,rebuilt,id,chat_"
+         "id,"
+         "sender,body,sent_at,is_from_me\r\n"},
         {{"recover", "chat.db", "message", "--all", "--csv"}, 0, ",held,live,"},
         {{"freelist", "chat.db", "is"}, 0, "free-list pages: [11,12]"},
-        {{"tables", "wal.db"}, 0, "columns: id, body", 1},
+        {{"tables", "wal.db"}, 0, "columns: id (rowid), body", 1},
         {{"rows", "journal.db", "m"}, 0, "(200 rows)", 1},
         {{"recover", "wal.db", "m", "--all"}, 0, "in older page versions", 1},
         {{"recover", "journal.db", "m", "--no-wal"}, 0, "recovered", 1},

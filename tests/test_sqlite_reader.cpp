@@ -11,26 +11,32 @@ using namespace fixtures;
 
 namespace {
 
-// The integers chosen so that every integer serial type occurs (0 and 1 are 8 and 9).
+// The integers chosen so that every integer serial type occurs (0 and 1 are 8 and 9), each with
+// what the documented reading makes of it: ints up to serial type 4, the 24-bit reading (the
+// high byte shifted by 8 only) and the unsigned 48-bit one, and 64-bit values as they are.
 // clang-format off
-const qint64 kIntegers[] = {0, 1, -1, 100, -128, 127, -129, 30000, -32768, 32768, -100000, 8388607, -8388608,
-                            8388608, 2147483647, -2147483647 - 1, 2147483648LL, 1099511627776LL,
-                            -1099511627776LL, 140737488355327LL, -140737488355328LL, 140737488355328LL,
-                            4611686018427387904LL, INT64_MIN};
+const QList<QPair<qint64, QVariant>> kIntegers = {
+    {0, int(0)}, {1, int(1)}, {-1, int(-1)}, {100, int(100)}, {-128, int(-128)}, {127, int(127)},
+    {-129, int(-129)}, {30000, int(30000)}, {-32768, int(-32768)},
+    {32768, int(32768)},                        // 00 80 00
+    {-100000, int(65376)},                      // fe 79 60: 0xfe00 | 0x7960
+    {8388607, int(65535)},                      // 7f ff ff: 0x7f00 | 0xffff
+    {-8388608, int(32768)},                     // 80 00 00
+    {8388608, int(8388608)}, {2147483647, int(2147483647)}, {-2147483647 - 1, int(-2147483647 - 1)},
+    {2147483648LL, qlonglong(2147483648LL)}, {1099511627776LL, qlonglong(1099511627776LL)},
+    {-1099511627776LL, qlonglong(280375465082880LL)},   // 48 bits, unsigned
+    {140737488355327LL, qlonglong(140737488355327LL)},
+    {-140737488355328LL, qlonglong(140737488355328LL)}, // 48 bits, unsigned
+    {140737488355328LL, qlonglong(140737488355328LL)}, {4611686018427387904LL, qlonglong(4611686018427387904LL)},
+    {INT64_MIN, qlonglong(INT64_MIN)}};
 // clang-format on
 
-// What the reader yields for an integer stored by the engine (schema format 4).
 QVariant expectedInteger(qint64 v) {
-    if (v >= -32768 && v <= 32767) return QVariant(int(v)); // types 8, 9, 1 and 2
-    if (v >= -8388608 && v <= 8388607) {
-        // Serial type 3: the high byte is shifted by 8 and OR-ed with the low 16 bits.
-        const quint32 u = quint32(v) & 0xFFFFFF;
-        return QVariant(int(((u >> 16) << 8) | (u & 0xFFFF)));
-    }
-    if (v >= INT32_MIN && v <= INT32_MAX) return QVariant(int(v));
-    if (v >= -140737488355328LL && v <= 140737488355327LL) // serial type 5: unsigned 48 bits
-        return QVariant(qlonglong(quint64(v) & 0xFFFFFFFFFFFFULL));
-    return QVariant(qlonglong(v));
+    if (v >= -32768 && v <= 32767) return QVariant(int(v)); // serial types 8, 9, 1 and 2 read as they are
+    for (const auto& pair : kIntegers)
+        if (pair.first == v) return pair.second;
+    ADD_FAILURE() << "no documented reading pinned for " << v;
+    return QVariant();
 }
 
 QVariant expectedValue(sqlite3_stmt* st, int col) {
@@ -125,8 +131,7 @@ TEST_P(EngineComparison, LiveRowsMatchTheEngine) {
                           if (i % 13 == 0)
                               sqlite3_bind_null(st, 2);
                           else
-                              sqlite3_bind_int64(st, 2,
-                                                 kIntegers[i % (sizeof kIntegers / sizeof *kIntegers)]);
+                              sqlite3_bind_int64(st, 2, kIntegers.at(i % kIntegers.size()).first);
                           sqlite3_bind_double(st, 3, i % 5 == 0 ? -0.5 * i : 1.0 / i + 1e10 * (i % 3));
                           const QByteArray text = textOfLength(lengths[i % 7], i).toUtf8();
                           if (i % 11 == 0)

@@ -51,7 +51,7 @@ TEST(SQliteRecoverySchema, PatternsFollowTheDeclaredTypes) {
     // clang-format off
     const QList<Case> cases = {
         {"a", "", "nddtaaat", ""}, {"b", "", "nt", ""}, {"c", "", "da", ""}, {"d", "", "dt", ""}, {"e", "", "da", ""},
-        {"a", "isiissst", "isiissst", ""}, {"w", "", "", "has no rowid"}, {"nope", "", "", "no table named 'nope'"},
+        {"a", "isiissst", "isiissst", ""}, {"w", "", "ta", ""}, {"nope", "", "", "no table named 'nope'"},
         {"b", "ntd", "", "the pattern has 3 letters, table 'b' has 2 columns"}, {"b", "nq", "", "bad pattern letter 'q'"},
     };
     // clang-format on

@@ -1,17 +1,11 @@
 #include "ByteCursor.h"
 
+#include "SQliteFormat.h"
+
 qint64 ByteCursor::varint(int* len) {
-    int n = 0;
-    quint64 value = 0;
-    while (!atEnd()) {
-        const uchar b = m_data[m_pos++];
-        if (++n == 9) {
-            value = (value << 8) | b;
-            break;
-        }
-        value = (value << 7) | (b & 0x7F);
-        if (!(b & 0x80)) break;
-    }
-    if (len) *len = n;
-    return qint64(value);
+    const qint64 left = remaining();
+    const sqlitefmt::Varint v = sqlitefmt::readVarint(left > 0 ? m_data + m_pos : m_data, left);
+    m_pos += v.length;
+    if (len) *len = v.length;
+    return qint64(v.value);
 }

@@ -1,7 +1,9 @@
 #include "SQliteCodec.h"
 
 #include "ByteCursor.h"
+#include "SQliteFormat.h"
 #include "SQliteSource.h"
+#include "SQliteValue.h"
 
 #include <QTextCodec>
 
@@ -98,19 +100,42 @@ QVariant SQliteCodec::value(ByteCursor& c, qint64 serialType, int* len, qint32 e
     return QVariant(text(p, got, encoding));
 }
 
-qint64 SQliteCodec::valueLength(qint64 serialType) {
-    static const qint64 fixed[] = {0, 1, 2, 3, 4, 6, 8, 8, 0, 0, 0, 0};
-    if (serialType < 0) return 0;
-    if (serialType < 12) return fixed[serialType];
-    return (serialType - 12 - serialType % 2) / 2;
-}
-
-qint64 SQliteCodec::localPayload(qint64 payload, qint64 usable, bool table) {
-    const qint64 maxLocal = table ? usable - 35 : (usable - 12) * 64 / 255 - 23;
-    if (payload <= maxLocal) return payload;
-    const qint64 minLocal = (usable - 12) * 32 / 255 - 23;
-    const qint64 k = usable - 4 > 0 ? minLocal + (payload - minLocal) % (usable - 4) : minLocal;
-    return k <= maxLocal ? k : minLocal;
+bool SQliteCodec::stored(qint64 serialType, const uchar* p, qint64 avail, qint32 encoding, SQliteValue* out) {
+    *out = SQliteValue();
+    if (serialType < 0 || serialType == 10 || serialType == 11) return false;
+    const qint64 n = sqlitefmt::valueLength(serialType);
+    if (n > avail) return false;
+    quint64 bits = 0;
+    if (serialType <= 7)
+        for (qint64 i = 0; i < n; ++i)
+            bits = (bits << 8) | p[i];
+    switch (serialType) {
+    case 0:
+        return true;
+    case 7:
+        out->type = SQliteValue::Real;
+        std::memcpy(&out->real, &bits, sizeof bits);
+        return true;
+    case 8:
+    case 9:
+        out->type = SQliteValue::Integer;
+        out->integer = serialType - 8;
+        return true;
+    default:
+        break;
+    }
+    if (serialType < 7) {
+        // Big-endian two's complement of 1, 2, 3, 4, 6 or 8 bytes.
+        const int shift = int(64 - 8 * n);
+        out->type = SQliteValue::Integer;
+        out->integer = qint64(bits << shift) >> shift;
+        return true;
+    }
+    out->type = serialType % 2 ? SQliteValue::Text : SQliteValue::Blob;
+    out->data = p;
+    out->size = n;
+    out->encoding = encoding;
+    return true;
 }
 
 bool SQliteCodec::extendedLetterAccepts(ushort code, int serialType) {

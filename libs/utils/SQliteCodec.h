@@ -1,6 +1,8 @@
-// Decoding of SQLite record values and type patterns from bytes in memory, with the readings of
-// SQliteDbUtil::readValue, cellData2String and fieldsMatch: the reader and its scans decode
-// through these. Internal to the library.
+// Decoding of SQLite record values and type patterns from bytes in memory. A value has two
+// readings: the documented one of SQliteDbUtil::readValue and cellData2String (NULL as integer
+// 0, the 24- and 48-bit quirks, values cut short at the end), which the documented operations
+// and their scans use, and the value as SQLite stores it (SQliteValue), which everything that
+// shows or compares what a file holds uses. Internal to the library.
 #pragma once
 
 #include <QString>
@@ -9,6 +11,7 @@
 #include <vector>
 
 class ByteCursor;
+struct SQliteValue;
 
 class SQliteCodec {
 public:
@@ -19,18 +22,14 @@ public:
     // bytes: NULL as integer 0, the 24- and 48-bit readings, short values cut at the end, and
     // len (when given) set to the nominal byte count, or left alone for serial types 10 and 11.
     static QVariant value(ByteCursor& cursor, qint64 serialType, int* len, qint32 encoding);
+    // The value as SQLite stores it, from the avail bytes at p: false when the value does not
+    // fit them, or its serial type is the reserved 10 or 11 (or below 0).
+    static bool stored(qint64 serialType, const uchar* p, qint64 avail, qint32 encoding, SQliteValue* out);
     // Whether a pattern letter (its UTF-16 code) accepts a serial type, as fieldsMatch answers.
     static bool letterAccepts(ushort code, int serialType);
     // The same with two more letters, for the recovery of whole records: t (NULL, text or blob)
     // and a (any serial type a record may hold).
     static bool extendedLetterAccepts(ushort code, int serialType);
-
-    // The bytes a value of a serial type takes in a record: none for NULL, 0, 1 and the reserved
-    // types 10 and 11 (and for anything below 0).
-    static qint64 valueLength(qint64 serialType);
-    // The bytes of a payload that its cell keeps, the rest going to overflow pages, as the file
-    // format defines it for a page of usable bytes: a table leaf's cell (table) or an index cell.
-    static qint64 localPayload(qint64 payload, qint64 usable, bool table = true);
 
     // A type pattern with its answers for every one-byte serial type worked out once.
     class Pattern {

@@ -2,6 +2,7 @@
 
 #include "ByteCursor.h"
 #include "SQliteCodec.h"
+#include "SQliteFormat.h"
 #include "SQliteScanner.h"
 #include "SQliteSource.h"
 
@@ -64,12 +65,22 @@ bool stopRequested(const SQliteDbUtil& db) {
     return __atomic_load_n(&db.stopRequested, __ATOMIC_RELAXED);
 }
 
+sqlitefmt::Geometry sqliteGeometry(SQliteDbUtil& db) {
+    sqlitefmt::Geometry g;
+    g.pageSize =
+        sqliteSource(db).largePages ? sqlitefmt::pageSizeOfField(db.header.pageSize) : db.header.pageSize;
+    g.usable = g.pageSize - db.header.reservedSpace;
+    g.encoding = db.header.textEncoding;
+    return g;
+}
+
 SQliteDbUtil::SQliteDbUtil() : stopRequested(false) {}
 
 // ---------------------------------------------------------------------------------------------
 // Loading
 
 bool SQliteDbUtil::loadDb(const QString& path) {
+    m_source.get()->largePages = false;
     return loadFile(QSharedPointer<QFile>(new QFile(path)));
 }
 
@@ -135,19 +146,20 @@ qint64 SQliteDbUtil::bytesAvailable() {
 }
 
 bool SQliteDbUtil::seekToPage(int page) {
-    return seekStream(stream.data(), pagePosition(header.pageSize, page));
+    return seekStream(stream.data(), pagePosition(sqliteGeometry(*this).pageSize, page));
 }
 
 bool SQliteDbUtil::seekInPage(int page, int offset) {
-    return seekStream(stream.data(), wrapped32Position(header.pageSize, page, offset));
+    return seekStream(stream.data(), wrapped32Position(sqliteGeometry(*this).pageSize, page, offset));
 }
 
 QByteArray SQliteDbUtil::readPageData(int page) {
+    const sqlitefmt::Geometry g = sqliteGeometry(*this);
     SQliteSource& src = sqliteSource(*this);
-    const qint64 pos = pagePosition(header.pageSize, page);
+    const qint64 pos = g.pagePosition(page);
     if (!src.canSeek(pos)) return QByteArray();
     qint64 got = 0;
-    const uchar* p = src.bytes(pos, header.pageSize, &got);
+    const uchar* p = src.bytes(pos, g.pageSize, &got);
     return copyOf(p, got);
 }
 
@@ -289,24 +301,7 @@ QVariant SQliteDbUtil::readValue(QDataStream* s, qint64 serialType, int* len) {
 
 QByteArray SQliteDbUtil::readOverFlowData(int page) {
     // Each page of the chain contributes its whole usable content, the last one included.
-    QByteArray content;
-    QSet<qint64> seen;
-    SQliteSource& src = sqliteSource(*this);
-    const qint64 usable = std::max<qint64>(0, qint64(header.pageSize) - header.reservedSpace - 4);
-    qint64 current = page;
-    while (current != 0) {
-        const qint64 pos = pagePosition(header.pageSize, current);
-        if (seen.contains(current) || current < 1 || pos >= src.size()) break;
-        seen.insert(current);
-        if (!src.canSeek(pos)) break;
-        qint64 got = 0;
-        ByteCursor next = src.cursor(pos, 4);
-        const quint32 following = next.u32();
-        const uchar* p = src.bytes(pos + next.size(), usable, &got);
-        content.append(reinterpret_cast<const char*>(p), int(got));
-        current = following;
-    }
-    return content;
+    return documentedOverflow(sqliteSource(*this), sqliteGeometry(*this), page);
 }
 
 QString SQliteDbUtil::cellData2String(const QByteArray& bytes) {
@@ -318,17 +313,19 @@ QString SQliteDbUtil::cellData2String(const QByteArray& bytes) {
 // Schema and table traversal
 
 bool SQliteDbUtil::parsePage(unsigned int page) {
+    using namespace sqlitefmt;
+    const Geometry g = sqliteGeometry(*this);
     SQliteSource& src = sqliteSource(*this);
-    const qint64 pos = pagePosition(header.pageSize, int(page));
-    if (!src.canSeek(pos) || std::max<qint64>(0, src.size() - pos) < header.pageSize) return false;
-    const qint64 at = page == 1 ? 100 : pos; // page 1 starts past the database header
+    const qint64 pos = g.pagePosition(page);
+    if (!src.canSeek(pos) || std::max<qint64>(0, src.size() - pos) < g.pageSize) return false;
+    const qint64 at = pos + btreeHeaderOffset(page);
     // The header and, as a rule, the whole cell pointer array in one small read.
     constexpr qint64 kHead = 64;
     ByteCursor c = src.peek(at, kHead);
     SQlitePage p;
     p.pageNumber = int(page);
     const quint8 type = c.u8();
-    if (type != 2 && type != 5 && type != 10 && type != 13) {
+    if (!isBtreePage(type)) {
         p.type = 0;
         pages.insert(p.pageNumber, p);
         return true;
@@ -338,13 +335,8 @@ bool SQliteDbUtil::parsePage(unsigned int page) {
     p.cellCount = c.u16();
     p.cellContentStart = c.u16();
     p.fragmentedBytes = c.u8();
-    if (type == 2 || type == 5) {
-        p.rightMostPointer = c.u32();
-        p.headerSize = 12;
-    } else {
-        p.rightMostPointer = 0;
-        p.headerSize = 8;
-    }
+    p.rightMostPointer = isInterior(type) ? c.u32() : 0;
+    p.headerSize = quint16(btreeHeaderSize(type));
     // Cell pointers that run past the end of the file read as 0.
     const qint64 pointers = at + c.pos();
     ByteCursor cells =
@@ -428,16 +420,17 @@ QList<int> SQliteDbUtil::fetchTablePagesByRootPage(int rootPage) {
         seen.insert(pageNo);
         const auto it = pages.constFind(pageNo);
         if (it == pages.constEnd()) continue;
-        if (it->type == 13) {
+        if (it->type == sqlitefmt::TableLeaf) {
             leaves.append(pageNo);
             continue;
         }
-        if (it->type != 5) continue;
+        if (it->type != sqlitefmt::TableInterior) continue;
         std::vector<int> children;
         children.reserve(size_t(it->cellOffsets.size()) + 1);
+        const qint64 pageSize = sqliteGeometry(*this).pageSize;
         SQliteSource& src = sqliteSource(*this);
         for (quint16 offset : it->cellOffsets) {
-            const qint64 at = pagePosition(header.pageSize, pageNo) + offset;
+            const qint64 at = pagePosition(pageSize, pageNo) + offset;
             if (!src.canSeek(at)) continue;
             ByteCursor c = src.cursor(at, 4);
             children.push_back(int(c.u32()));
@@ -474,28 +467,16 @@ QList<QVariant> SQliteDbUtil::fetchRecordInPage(int page, unsigned short offset)
 // Deleted-record recovery
 
 bool SQliteDbUtil::parseFreeListPages(unsigned int trunk) {
-    QSet<unsigned int> seen;
-    while (trunk != 0) {
-        if (!pages.contains(int(trunk))) return false;
-        if (seen.contains(trunk)) return true; // a trunk chain that loops: keep what was listed
-        seen.insert(trunk);
-        freeListPages.append(int(trunk));
-        SQliteSource& src = sqliteSource(*this);
-        const qint64 pos = pagePosition(header.pageSize, int(trunk));
-        if (!src.canSeek(pos)) return true;
-        ByteCursor head = src.cursor(pos, 8);
-        const quint32 next = head.u32();
-        quint32 count = head.u32();
-        // A trunk page holds at most (page size − 8) / 4 leaf numbers; a larger count can
-        // only come from a corrupt page and would read past it.
-        const quint32 capacity = header.pageSize > 8 ? (quint32(header.pageSize) - 8) / 4 : 0;
-        count = std::min(count, capacity);
-        ByteCursor leaves = src.cursor(pos + head.pos(), 4 * qint64(count));
-        for (quint32 i = 0; i < count; ++i)
-            freeListPages.append(int(leaves.u32()));
-        trunk = next;
-    }
-    return true;
+    // A trunk chain that loops ends where it comes back, with what was listed.
+    const qint64 outside = walkFreeList(
+        sqliteSource(*this), sqliteGeometry(*this), trunk,
+        [this](qint64 t) { return pages.contains(int(t)); },
+        [this](qint64 t, qint64, const std::vector<quint32>& leaves) {
+            freeListPages.append(int(t));
+            for (quint32 leaf : leaves)
+                freeListPages.append(int(leaf));
+        });
+    return outside == 0;
 }
 
 namespace {

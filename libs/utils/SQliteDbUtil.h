@@ -136,7 +136,7 @@ private:
     };
     SourceHolder m_source;
     friend SQliteSource& sqliteSource(SQliteDbUtil& db);
-    // loadDb on a file of any kind: the live view loads the reader on its overlay this way.
+    // loadDb on a file of any kind: the loader opens the live view's overlay this way.
     bool loadFile(QSharedPointer<QFile> device);
-    friend class SQliteLiveView;
+    friend class SQliteLoader;
 };

@@ -1,16 +1,13 @@
 #include "SQliteJournal.h"
 
 #include "ByteCursor.h"
+#include "SQliteFormat.h"
 
 #include <QFile>
 
 namespace {
 
 const uchar kMagic[8] = {0xd9, 0xd5, 0x05, 0xf9, 0x20, 0xa1, 0x63, 0xd7};
-
-bool powerOfTwo(quint32 v, quint32 low, quint32 high) {
-    return v >= low && v <= high && (v & (v - 1)) == 0;
-}
 
 } // namespace
 
@@ -45,15 +42,16 @@ bool SQliteJournal::load(const QString& path, quint32 pageSize) {
     // first sector of each size a journal may have.
     QList<quint32> sectors;
     quint32 page = pageSize;
-    if (header.magicValid && powerOfTwo(header.sectorSize, 512, 65536) &&
-        powerOfTwo(header.pageSize, 512, 65536)) {
+    // Sectors are powers of two from 512 bytes to 64 KiB, like pages.
+    using sqlitefmt::validPageSize;
+    if (header.magicValid && validPageSize(header.sectorSize) && validPageSize(header.pageSize)) {
         sectors << header.sectorSize;
         page = header.pageSize;
     } else if (!header.magicValid) {
         for (quint32 s = 512; s <= 65536; s *= 2)
             sectors << s;
     }
-    if (!powerOfTwo(page, 512, 65536)) return m_error = "no page size to read the records with", false;
+    if (!validPageSize(page)) return m_error = "no page size to read the records with", false;
     const qint64 recordSize = 4 + qint64(page) + 4;
     QByteArray bytes(int(recordSize), '\0');
     for (quint32 sector : sectors) {

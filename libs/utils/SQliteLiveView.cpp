@@ -1,6 +1,7 @@
 #include "SQliteLiveView.h"
 
 #include "SQliteDbUtil.h"
+#include "SQliteFormat.h"
 #include "SQliteSource.h"
 
 #include <QFile>
@@ -86,12 +87,13 @@ private:
 };
 
 quint32 mainPageSize(const QString& path) {
+    using namespace sqlitefmt;
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly)) return 0;
-    const QByteArray head = file.read(18);
-    if (head.size() < 18) return 0;
-    const quint32 size = (quint32(uchar(head[16])) << 8) | uchar(head[17]);
-    return size == 1 ? 65536 : size;
+    const QByteArray head = file.read(header::PageSize + 2);
+    if (head.size() < header::PageSize + 2) return 0;
+    return quint32(
+        pageSizeOfField(get16(reinterpret_cast<const uchar*>(head.constData()) + header::PageSize)));
 }
 
 } // namespace
@@ -111,11 +113,17 @@ SQliteLiveView::SQliteLiveView() = default;
 SQliteLiveView::~SQliteLiveView() = default;
 
 bool SQliteLiveView::load(SQliteDbUtil& db, const QString& path, bool mainFileOnly) {
-    return load(db, path, logPath(path), journalPath(path), mainFileOnly);
+    return open(db, path, SQliteLoader::Documented, mainFileOnly).ok();
 }
 
-bool SQliteLiveView::load(SQliteDbUtil& db, const QString& path, const QString& logFile,
-                          const QString& journalFile, bool mainFileOnly) {
+SQliteLoader::Report SQliteLiveView::open(SQliteDbUtil& db, const QString& path, SQliteLoader::Mode mode,
+                                          bool mainFileOnly) {
+    return open(db, path, logPath(path), journalPath(path), mode, mainFileOnly);
+}
+
+SQliteLoader::Report SQliteLiveView::open(SQliteDbUtil& db, const QString& path, const QString& logFile,
+                                          const QString& journalFile, SQliteLoader::Mode mode,
+                                          bool mainFileOnly) {
     m_path = path;
     m_applied = MainFileOnly;
     m_note.clear();
@@ -187,7 +195,7 @@ bool SQliteLiveView::load(SQliteDbUtil& db, const QString& path, const QString& 
     }
 
     // Nothing to lay over the main file: the reader opens it as loadDb does.
-    if (m_applied == MainFileOnly) return db.loadDb(path);
+    if (m_applied == MainFileOnly) return SQliteLoader::load(db, path, mode);
 
     // A log or journal may claim a size that no file holds: past the last page any file holds,
     // the view would be nothing but zeros, so it ends there.
@@ -196,8 +204,10 @@ bool SQliteLiveView::load(SQliteDbUtil& db, const QString& path, const QString& 
         size = std::min(size, held * m_pageSize);
     }
 
-    return db.loadFile(QSharedPointer<QFile>(
-        new OverlayFile(path, imagesPath, std::max<quint32>(m_pageSize, 1), size, images)));
+    return SQliteLoader::load(db,
+                              QSharedPointer<QFile>(new OverlayFile(
+                                  path, imagesPath, std::max<quint32>(m_pageSize, 1), size, images)),
+                              mode);
 }
 
 QList<SQliteLiveView::Version> SQliteLiveView::hiddenVersions() const {

@@ -13,6 +13,7 @@
 #pragma once
 
 #include "SQliteJournal.h"
+#include "SQliteLoader.h"
 #include "SQliteWal.h"
 #include "utils_export.h"
 
@@ -50,10 +51,14 @@ public:
     // result is loadDb's: false when the database itself cannot be read. A log or journal that
     // cannot be used leaves the view on the main file alone, and note() says why.
     bool load(SQliteDbUtil& db, const QString& path, bool mainFileOnly = false);
+    // The same, loading the database (or the view over it) as mode says: the report says why the
+    // load failed or what it read past.
+    SQliteLoader::Report open(SQliteDbUtil& db, const QString& path, SQliteLoader::Mode mode,
+                              bool mainFileOnly = false);
     // The same with the log and the journal read from the files named (an empty name: none),
     // for a database whose companions are not stored beside it under its own name.
-    bool load(SQliteDbUtil& db, const QString& path, const QString& logFile, const QString& journalFile,
-              bool mainFileOnly = false);
+    SQliteLoader::Report open(SQliteDbUtil& db, const QString& path, const QString& logFile,
+                              const QString& journalFile, SQliteLoader::Mode mode, bool mainFileOnly = false);
     Applied applied() const { return m_applied; }
     // What the view did with what lay beside the database, for the user: empty when nothing did.
     QString note() const { return m_note; }

@@ -1,11 +1,14 @@
 #include "SQliteRecovery.h"
 
-#include "ByteCursor.h"
+#include "SQliteBtree.h"
 #include "SQliteCodec.h"
 #include "SQliteDbUtil.h"
+#include "SQliteFormat.h"
 #include "SQliteLiveView.h"
 #include "SQliteScanner.h"
+#include "SQliteSchema.h"
 #include "SQliteSource.h"
+#include "SQliteValue.h"
 
 #include <QHash>
 #include <QRegularExpression>
@@ -14,9 +17,10 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <memory>
 #include <vector>
 
-using namespace sqliteio;
+using namespace sqlitefmt;
 
 const QString SQliteRecovery::kLive = QStringLiteral("live");
 const QString SQliteRecovery::kDuplicate = QStringLiteral("duplicate");
@@ -25,193 +29,14 @@ const QString SQliteRecovery::kLayout = QStringLiteral("layout");
 const QString SQliteRecovery::kAffinity = QStringLiteral("affinity");
 const QString SQliteRecovery::kEmpty = QStringLiteral("empty");
 const QString SQliteRecovery::kSuperseded = QStringLiteral("superseded");
+const QString SQliteRecovery::kAmbiguous = QStringLiteral("ambiguous");
 
 namespace {
 
-enum Affinity { IntegerAffinity, TextAffinity, BlobAffinity, RealAffinity, NumericAffinity };
+using Column = SQliteSchema::Column;
 
-struct Column {
-    QString name;
-    QString type;
-    Affinity affinity = BlobAffinity;
-};
-
-// SQLite's rules, in their order: INT, then CHAR, CLOB or TEXT, then BLOB or no type, then
-// REAL, FLOA or DOUB; anything else is NUMERIC.
-Affinity affinityOf(const QString& declared) {
-    const QString t = declared.toUpper();
-    if (t.contains("INT")) return IntegerAffinity;
-    if (t.contains("CHAR") || t.contains("CLOB") || t.contains("TEXT")) return TextAffinity;
-    if (t.contains("BLOB") || t.trimmed().isEmpty()) return BlobAffinity;
-    if (t.contains("REAL") || t.contains("FLOA") || t.contains("DOUB")) return RealAffinity;
-    return NumericAffinity;
-}
-
-QString unquote(QString word) {
-    if (word.size() >= 2) {
-        const QChar a = word.front(), b = word.back();
-        if ((a == '"' && b == '"') || (a == '`' && b == '`') || (a == '[' && b == ']') ||
-            (a == '\'' && b == '\''))
-            return word.mid(1, word.size() - 2);
-    }
-    return word;
-}
-
-// Words of a column definition or table constraint: names (quoted or not), parenthesised
-// groups kept whole, punctuation dropped.
-QStringList words(const QString& text) {
-    QStringList out;
-    int i = 0;
-    const int n = text.size();
-    while (i < n) {
-        const QChar c = text.at(i);
-        if (c.isSpace()) {
-            ++i;
-            continue;
-        }
-        int j = i + 1;
-        if (c == '"' || c == '`' || c == '\'' || c == '[') {
-            const QChar close = c == '[' ? QChar(']') : c;
-            while (j < n && text.at(j) != close)
-                ++j;
-            j = std::min(n, j + 1);
-        } else if (c == '(') {
-            int depth = 1;
-            while (j < n && depth > 0) {
-                depth += text.at(j) == '(' ? 1 : text.at(j) == ')' ? -1 : 0;
-                ++j;
-            }
-        } else {
-            while (j < n && !text.at(j).isSpace() && text.at(j) != '(')
-                ++j;
-        }
-        out << text.mid(i, j - i);
-        i = j;
-    }
-    return out;
-}
-
-// The parts of a CREATE TABLE statement's body, split at the commas outside brackets and quotes.
-bool tableBody(const QString& sql, QStringList* parts, QString* tail) {
-    int open = -1;
-    QChar quote;
-    for (int i = 0; i < sql.size(); ++i) {
-        const QChar c = sql.at(i);
-        if (!quote.isNull()) {
-            if (c == quote) quote = QChar();
-        } else if (c == '"' || c == '`' || c == '\'') {
-            quote = c;
-        } else if (c == '[') {
-            quote = ']';
-        } else if (c == '(') {
-            open = i;
-            break;
-        }
-    }
-    if (open < 0) return false;
-    int depth = 0, start = open + 1;
-    quote = QChar();
-    for (int i = open; i < sql.size(); ++i) {
-        const QChar c = sql.at(i);
-        if (!quote.isNull()) {
-            if (c == quote) quote = QChar();
-            continue;
-        }
-        if (c == '"' || c == '`' || c == '\'') {
-            quote = c;
-        } else if (c == '[') {
-            quote = ']';
-        } else if (c == '(') {
-            ++depth;
-        } else if (c == ')') {
-            if (--depth == 0) {
-                *parts << sql.mid(start, i - start).trimmed();
-                *tail = sql.mid(i + 1);
-                return true;
-            }
-        } else if (c == ',' && depth == 1) {
-            *parts << sql.mid(start, i - start).trimmed();
-            start = i + 1;
-        }
-    }
-    return false;
-}
-
-const QStringList kConstraintWords = {"CONSTRAINT", "PRIMARY", "NOT",        "NULL",      "UNIQUE", "CHECK",
-                                      "DEFAULT",    "COLLATE", "REFERENCES", "GENERATED", "AS"};
-const QStringList kTableConstraints = {"CONSTRAINT", "PRIMARY", "UNIQUE", "CHECK", "FOREIGN"};
-
-// A varint read from memory, bounded: false when it runs past end.
-bool varint(const uchar* data, qint64 pos, qint64 end, qint64* value, int* len) {
-    quint64 v = 0;
-    for (int n = 0; n < 9; ++n) {
-        if (pos + n >= end) return false;
-        const uchar b = data[pos + n];
-        if (n == 8) {
-            v = (v << 8) | b;
-            *value = qint64(v);
-            *len = 9;
-            return true;
-        }
-        v = (v << 7) | (b & 0x7F);
-        if (!(b & 0x80)) {
-            *value = qint64(v);
-            *len = n + 1;
-            return true;
-        }
-    }
-    return false;
-}
-
-qint64 signExtend(quint64 v, int bytes) {
-    const int shift = 64 - 8 * bytes;
-    return qint64(v << shift) >> shift;
-}
-
-// One value as SQLite stores it; bytes holds at least SQliteCodec::valueLength(type) bytes.
-QVariant storedValue(const uchar* p, qint64 type, qint32 encoding) {
-    auto be = [p](int n) {
-        quint64 v = 0;
-        for (int i = 0; i < n; ++i)
-            v = (v << 8) | p[i];
-        return v;
-    };
-    switch (type) {
-    case 0:
-        return QVariant();
-    case 1:
-    case 2:
-    case 3:
-    case 4:
-        return QVariant(qlonglong(signExtend(be(int(type)), int(type))));
-    case 5:
-        return QVariant(qlonglong(signExtend(be(6), 6)));
-    case 6:
-        return QVariant(qlonglong(be(8)));
-    case 7: {
-        const quint64 bits = be(8);
-        double v;
-        std::memcpy(&v, &bits, sizeof v);
-        return QVariant(v);
-    }
-    case 8:
-        return QVariant(qlonglong(0));
-    case 9:
-        return QVariant(qlonglong(1));
-    default:
-        break;
-    }
-    const int n = int(SQliteCodec::valueLength(type));
-    if (type % 2 == 0) return QVariant(QByteArray(reinterpret_cast<const char*>(p), n));
-    if (encoding == 2 || encoding == 3) {
-        QString s(n / 2, Qt::Uninitialized);
-        for (int i = 0; i < n / 2; ++i)
-            s[i] = QChar(encoding == 2 ? ushort(p[2 * i] | (p[2 * i + 1] << 8))
-                                       : ushort((p[2 * i] << 8) | p[2 * i + 1]));
-        return QVariant(s);
-    }
-    return QVariant(QString::fromUtf8(reinterpret_cast<const char*>(p), n));
-}
+// ---------------------------------------------------------------------------------------------
+// What text and numbers a column could have held
 
 // Strict UTF-8: no overlong forms, surrogates or code points past U+10FFFF.
 bool validUtf8(const uchar* p, qint64 n) {
@@ -280,12 +105,15 @@ bool looksNumeric(const QString& s) {
     return number.match(s).hasMatch();
 }
 
+// ---------------------------------------------------------------------------------------------
+// Keys of records
+
 quint64 mix(quint64 h, quint64 v) {
     h ^= v + 0x9E3779B97F4A7C15ULL + (h << 6) + (h >> 2);
     return h * 0xFF51AFD7ED558CCDULL;
 }
 
-// A key for a record's stored values (and, when given, its rowid).
+// A key for a record's values (and, when given, its rowid), the alias column left out.
 quint64 valuesKey(const QList<QVariant>& values, int alias, const qint64* rowid) {
     quint64 h = rowid ? mix(1, quint64(*rowid)) : 2;
     for (int i = 0; i < values.size(); ++i) {
@@ -332,56 +160,44 @@ private:
     std::vector<quint64> m_keys;
 };
 
-qint64 be32(const uchar* p) {
-    return qint64((quint32(p[0]) << 24) | (quint32(p[1]) << 16) | (quint32(p[2]) << 8) | p[3]);
+// A varint read from memory, bounded: false when it runs past end.
+bool varint(const uchar* data, qint64 pos, qint64 end, qint64* value, int* len) {
+    if (pos >= end) return false;
+    const Varint v = readVarint(data + pos, end - pos);
+    *value = qint64(v.value);
+    *len = v.length;
+    return v.complete;
 }
-int be16(const uchar* p) {
-    return (p[0] << 8) | p[1];
+
+int varintLength(quint64 v) {
+    int n = 1;
+    while (n < 9 && v > (quint64(1) << (7 * n)) - 1)
+        ++n;
+    return n;
 }
 
-} // namespace
+qint64 be16(const uchar* p) {
+    return qint64(get16(p));
+}
 
-struct SQliteRecovery::Private {
-    explicit Private(SQliteDbUtil& reader) : db(reader) {}
-
-    SQliteDbUtil& db;
-    QString error, table, pattern;
-    std::vector<Column> columns;
-    int alias = -1;
-    bool freePages = true;
-    bool includeHeld = false;
-    ProgressCallback progress;
+// A table whose records are looked for: a live one, or a dropped one whose schema was found.
+struct Target {
+    QString name;
+    bool dropped = false;
+    bool wanted = false; // its records are passed on
+    SQliteSchema::Table schema;
+    qint64 root = 0;
+    std::vector<Column> columns; // those a record holds, in its order
+    std::vector<bool> notNull;   // columns that cannot hold NULL in a record
+    int alias = -1;              // the rowid alias among them
+    bool table = true;           // a rowid table; false: a table without rowid
+    QString pattern;
     std::unique_ptr<SQliteCodec::Pattern> compiled;
-    Summary summary;
-
-    // Page geometry.
-    qint64 pageSize = 0, usable = 0;
-    // What is known of the file.
+    bool live = false; // live rows are known
     KeySet liveWithRowid, liveValues, liveAllButOne, liveRowids;
-    QSet<quint64> reported;
-    QSet<int> freeSet, trunks;
-    QMap<int, QString> usedPages; // by the table or index that uses them
-    bool usedKnown = false;
-    QHash<QString, QVector<QPair<qint64, qint64>>>
-        claimed; // per page version: byte ranges of records reported
+    int index = 0;
 
-    bool textOk = true; // the text of the record just read is valid in the database's encoding
-
-    // A record being read: where its serial types and values lie in the page.
-    struct Candidate {
-        qint64 start = 0;      // where the surviving record starts (its header, or its serial types)
-        qint64 cellStart = -1; // where its cell starts when the payload length and rowid survive
-        qint64 rowid = 0;
-        qint64 valuesAt = 0;   // where its values start
-        qint64 headerSize = 0; // as the record states it, or as worked out when it is lost
-        qint64 lostTypes = 0;  // serial types overwritten before start (all of them NULL)
-        std::vector<qint64> types;
-        qint64 length = 0;   // header and values: the payload
-        qint64 localEnd = 0; // end of the part in this page
-        qint64 overflowPage = 0;
-        bool layoutOk = true;
-    };
-
+    int size() const { return int(columns.size()); }
     // An earlier version of a row is told by its rowid, or, when the rowid is lost, by all but
     // one of its values; the latter only for tables of four values or more.
     bool nearMatches() const { return columns.size() - (alias >= 0 ? 1 : 0) >= 4; }
@@ -392,37 +208,125 @@ struct SQliteRecovery::Private {
     }
     // A REAL column keeps integral values as integers in the file and reads them as floats.
     QVariant columnValue(int column, const QVariant& stored) const {
-        if (columns[size_t(column)].affinity == RealAffinity && stored.type() == QVariant::LongLong)
+        if (columns[size_t(column)].affinity == SQliteSchema::RealAffinity &&
+            stored.type() == QVariant::LongLong)
             return QVariant(double(stored.toLongLong()));
         return stored;
     }
-    static QString claimKey(const Record& r) { return QString::number(r.page) + '@' + r.version; }
-    bool readSchema();
-    bool loadLive();
-    void loadFreeList();
-    bool isFree(int pageNo);
-    QByteArray readPage(int pageNo);
+    bool accepts(int column, qint64 type) const {
+        return type <= INT32_MAX && compiled->matches(column, int(type)) &&
+               !(type == 0 && notNull[size_t(column)]);
+    }
+};
 
-    bool typesAt(const uchar* data, qint64 pos, qint64 end, int first, Candidate& c, qint64* consumed) const;
-    bool headerAt(const uchar* data, qint64 pos, qint64 areaStart, qint64 areaEnd, Candidate& c) const;
-    bool lostHeaderAt(const uchar* data, qint64 pos, qint64 areaEnd, int lost, Candidate& c) const;
-    void finish(const uchar* data, qint64 areaEnd, const Candidate& c, Record& r);
-    void check(const Candidate& c, Record& r);
-    // Where r was found (offset in its page), with its rowid alias filled in; then its checks.
-    void place(const Candidate& c, int pageNo, Region region, qint64 offset, Record& r);
-    bool report(Record& r, const Callback& callback);
-    bool searchArea(const uchar* data, int pageNo, Region region, qint64 start, qint64 end,
-                    const QSet<qint64>& heads, const Callback& callback);
-    bool searchLeaf(const QByteArray& bytes, int pageNo, const Callback& callback);
-    bool searchFreePage(const QByteArray& bytes, int pageNo, bool trunk, const Callback& callback);
-    bool searchCells(const QByteArray& bytes, int pageNo, const Callback& callback);
+// The pattern letters a column's declared type allows: n the rowid alias, d INTEGER and REAL
+// affinity (NULL, an integer or a float), t TEXT (NULL, text or blob), a anything else.
+QChar letterOf(const SQliteSchema::Table& t, int declared) {
+    if (declared == t.rowidAlias) return 'n';
+    switch (t.columns.at(declared).affinity) {
+    case SQliteSchema::IntegerAffinity:
+    case SQliteSchema::RealAffinity:
+        return 'd';
+    case SQliteSchema::TextAffinity:
+        return 't';
+    default:
+        return 'a';
+    }
+}
+
+} // namespace
+
+struct SQliteRecovery::Private {
+    explicit Private(SQliteDbUtil& reader) : db(reader) {}
+
+    SQliteDbUtil& db;
+    QString error, tableName, givenPattern;
+    bool all = false;
+    bool chosen = false; // setTable or setAllTables succeeded
+    bool freePages = true;
+    bool includeHeld = false;
+    ProgressCallback progress;
+    Summary summary;
+    std::vector<std::unique_ptr<Target>> targets;
+    Target* single = nullptr; // the live table of setTable, for its pattern and columns
+
+    // The file.
+    qint64 pageSize = 0, usable = 0, lastPage = 0;
+    std::vector<uchar> owned;  // by page: a live b-tree or overflow chain uses it
+    std::vector<uchar> trunks; // by page: a free-list trunk
+    std::vector<int> oldTree;  // by page: the dropped table (index + 1) whose old b-tree held it
+    bool pagesKnown = false;
+    QList<SQliteSchema::Object> live;
+    bool droppedKnown = false;
+    QList<SQliteSchema::Object> dropped;
+
+    // What was reported.
+    QSet<quint64> reported;
+    QHash<QString, QVector<QPair<qint64, qint64>>> claimed; // per page version: byte ranges reported
     QString version; // of the page being searched: empty for the database as it is
     const SQliteLiveView* view = nullptr;
     QSet<quint64> heldFromVersions;
-    void freeblockHeads(const uchar* data, qint64 headerAt, qint64 from,
-                        QVector<QPair<qint64, qint64>>* blocks) const;
-    qint64 formerFreeblockEnd(const uchar* data, qint64 pos) const;
+
+    // A record being read: where its serial types and values lie in the page.
+    struct Candidate {
+        qint64 start = 0;      // the first byte of the record that survives
+        qint64 cellStart = -1; // where its cell starts when the payload length and rowid survive
+        qint64 rowid = 0;
+        qint64 valuesAt = 0;   // where its values start
+        qint64 headerSize = 0; // as the record states it, or as worked out when it is lost
+        std::vector<qint64> types;
+        qint64 length = 0; // header and values: the payload
+        QString rebuilt;   // what was worked out of a lost start
+    };
+    struct Found {
+        Record record;
+        const Target* target = nullptr;
+        // 4 a whole cell a cell pointer leads to; 3 its payload length and rowid, or a start
+        // rebuilt to fill its freeblock exactly; 2 its header alone; 1 a start rebuilt to end where
+        // another cell starts.
+        int strength = 0;
+    };
+
+    bool textOk = true; // the text of the record just read is valid in the database's encoding
+
+    // Tables
+    void addTarget(const QString& name, const SQliteSchema::Table& schema, qint64 root, bool isDropped);
+    bool buildTargets();
+    void loadPages();
+    QByteArray readPage(int pageNo);
+    bool overflowPage(qint64 pageNo) const {
+        return pageNo >= 1 && pageNo <= lastPage && !owned[size_t(pageNo)] && !trunks[size_t(pageNo)];
+    }
+    bool isFree(qint64 pageNo) const { return pageNo >= 1 && pageNo <= lastPage && !owned[size_t(pageNo)]; }
+
+    // Reading candidates
+    bool headerAt(const uchar* data, qint64 pos, qint64 areaStart, qint64 areaEnd, const Target& t,
+                  Candidate& c) const;
+    void rebuild(const uchar* data, qint64 f, qint64 end, bool exact, const Target& t,
+                 std::vector<Found>& out);
     bool cellBoundary(const uchar* data, qint64 e, qint64 blockEnd) const;
+    qint64 formerFreeblockEnd(const uchar* data, qint64 pos) const;
+    void finish(const uchar* data, qint64 areaEnd, const Candidate& c, const Target& t, Record& r);
+    void check(const Candidate& c, const Target& t, Record& r);
+    void place(const Candidate& c, const Target& t, int pageNo, Region region, qint64 offset, Record& r);
+    int fitScore(const Record& r, const Target& t) const;
+
+    // Searching pages
+    void searchArea(const uchar* data, int pageNo, Region region, qint64 start, qint64 end,
+                    const QVector<QPair<qint64, qint64>>& heads, const Target* owner,
+                    std::vector<Found>& found);
+    void searchCells(const uchar* data, int pageNo, Region region, const Target* owner,
+                     std::vector<Found>& found);
+    void searchPage(const uchar* data, int pageNo, bool leafOfOwner, const Target* owner,
+                    std::vector<Found>& found);
+    bool report(std::vector<Found>& found, const Callback& callback);
+    bool report(Record& r, const Target& t, const Callback& callback);
+    void liveCells(const uchar* data, qint64 header, int type, QVector<QPair<qint64, qint64>>* used) const;
+    void freeblocks(const uchar* data, qint64 header, qint64 from,
+                    QVector<QPair<qint64, qint64>>* blocks) const;
+
+    // Schemas in free space
+    void findDropped();
 };
 
 SQliteRecovery::SQliteRecovery(SQliteDbUtil& db) : d(new Private(db)) {}
@@ -432,13 +336,13 @@ QString SQliteRecovery::error() const {
     return d->error;
 }
 QString SQliteRecovery::table() const {
-    return d->table;
+    return d->tableName;
 }
 QString SQliteRecovery::pattern() const {
-    return d->pattern;
+    return d->single ? d->single->pattern : QString();
 }
 int SQliteRecovery::rowidAlias() const {
-    return d->alias;
+    return d->single ? d->single->alias : -1;
 }
 void SQliteRecovery::setFreePagesSearched(bool searched) {
     d->freePages = searched;
@@ -449,21 +353,33 @@ void SQliteRecovery::setHeldIncluded(bool included) {
 void SQliteRecovery::setProgress(ProgressCallback progress) {
     d->progress = std::move(progress);
 }
+void SQliteRecovery::setLiveView(const SQliteLiveView* view) {
+    d->view = view;
+}
 SQliteRecovery::Summary SQliteRecovery::summary() const {
     return d->summary;
 }
 
 QStringList SQliteRecovery::columnNames() const {
+    return d->single ? columnNames(d->single->name) : QStringList();
+}
+
+QStringList SQliteRecovery::columnNames(const QString& table) const {
     QStringList names;
-    for (const Column& c : d->columns)
-        names << c.name;
+    for (const auto& t : d->targets)
+        if (t->name == table) {
+            for (const Column& c : t->columns)
+                names << c.name;
+            break;
+        }
     return names;
 }
 
 QStringList SQliteRecovery::declaredTypes() const {
     QStringList types;
-    for (const Column& c : d->columns)
-        types << c.type;
+    if (d->single)
+        for (const Column& c : d->single->columns)
+            types << c.declaredType;
     return types;
 }
 
@@ -491,243 +407,272 @@ QString SQliteRecovery::overflowName(Overflow overflow) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// The table
+// The tables
 
-bool SQliteRecovery::Private::readSchema() {
-    columns.clear();
-    alias = -1;
-    QString sql;
-    for (const QList<QVariant>& row : db.fetchRecordsInTable(QStringLiteral("sqlite_master")))
-        if (row.size() == 6 && row.at(1).toString() == QLatin1String("table") &&
-            row.at(2).toString() == table)
-            sql = row.at(5).toString();
-    QStringList parts;
-    QString tail;
-    if (sql.isEmpty() || !tableBody(sql, &parts, &tail)) {
-        error = QString("cannot read the statement that created table '%1'").arg(table);
-        return false;
+void SQliteRecovery::Private::addTarget(const QString& name, const SQliteSchema::Table& schema, qint64 root,
+                                        bool isDropped) {
+    auto t = std::make_unique<Target>();
+    t->name = name;
+    t->dropped = isDropped;
+    t->schema = schema;
+    t->root = root;
+    t->table = !schema.withoutRowid;
+    std::vector<int> declared;
+    for (int i = 0; i < schema.columns.size(); ++i)
+        if (schema.columns.at(i).storage >= 0) declared.push_back(i);
+    std::stable_sort(declared.begin(), declared.end(), [&schema](int a, int b) {
+        return schema.columns.at(a).storage < schema.columns.at(b).storage;
+    });
+    for (int i : declared) {
+        if (i == schema.rowidAlias) t->alias = int(t->columns.size());
+        t->columns.push_back(schema.columns.at(i));
+        t->notNull.push_back(
+            i != schema.rowidAlias &&
+            (schema.columns.at(i).notNull || (schema.withoutRowid && schema.columns.at(i).primaryKey)));
+        t->pattern += letterOf(schema, i);
     }
-    if (tail.toUpper().contains(QRegularExpression("WITHOUT\\s+ROWID"))) {
-        error = QString("table '%1' has no rowid: its rows are kept in an index b-tree").arg(table);
-        return false;
-    }
-    int primaryKeys = 0;
-    QString keyColumn;
-    bool keyDescending = false;
-    for (const QString& part : parts) {
-        const QStringList w = words(part);
-        if (w.isEmpty()) continue;
-        const QString first = w.first().toUpper();
-        if (kTableConstraints.contains(first)) {
-            const int at = w.indexOf(QRegularExpression("(?i)KEY"));
-            if (first == "PRIMARY" || (first == "CONSTRAINT" && w.contains("PRIMARY", Qt::CaseInsensitive))) {
-                if (at >= 0 && at + 1 < w.size()) {
-                    const QString list = w.at(at + 1);
-                    const QStringList keys = list.mid(1, list.size() - 2).split(',');
-                    primaryKeys += keys.size();
-                    if (keys.size() == 1) {
-                        const QStringList key = words(keys.first());
-                        keyColumn = key.isEmpty() ? QString() : unquote(key.first());
-                        keyDescending = key.contains("DESC", Qt::CaseInsensitive);
-                    }
-                }
-            }
-            continue;
-        }
-        Column column;
-        column.name = unquote(w.first());
-        int i = 1;
-        QStringList type;
-        while (i < w.size() && !kConstraintWords.contains(w.at(i).toUpper()))
-            type << w.at(i++);
-        column.type = type.join(' ').replace(" (", "(");
-        column.affinity = affinityOf(column.type);
-        for (; i + 1 < w.size(); ++i) {
-            if (w.at(i).toUpper() == "PRIMARY" && w.at(i + 1).toUpper() == "KEY") {
-                ++primaryKeys;
-                keyColumn = column.name;
-                keyDescending = i + 2 < w.size() && w.at(i + 2).toUpper() == "DESC";
-            }
-        }
-        columns.push_back(column);
-    }
-    // A single-column key of type INTEGER is the rowid (INTEGER PRIMARY KEY DESC is not).
-    if (primaryKeys == 1) {
-        for (size_t i = 0; i < columns.size(); ++i)
-            if (columns[i].name.compare(keyColumn, Qt::CaseInsensitive) == 0 &&
-                columns[i].type.toUpper() == QLatin1String("INTEGER") && !keyDescending)
-                alias = int(i);
-    }
-    if (columns.empty()) {
-        error = QString("table '%1' declares no columns").arg(table);
-        return false;
-    }
+    if (t->columns.empty()) return;
+    t->compiled.reset(new SQliteCodec::Pattern(t->pattern, true));
+    t->index = int(targets.size());
+    targets.push_back(std::move(t));
+}
+
+// Every table a record may belong to: the live ones, then the dropped ones.
+bool SQliteRecovery::Private::buildTargets() {
+    targets.clear();
+    single = nullptr;
+    live = SQliteSchema::read(db);
+    for (const SQliteSchema::Object& o : live)
+        if (o.type == QLatin1String("table") && o.name != QLatin1String("sqlite_master") && o.table.ok &&
+            !o.table.isVirtual && o.rootPage > 0)
+            addTarget(o.name, o.table, o.rootPage, false);
+    findDropped();
+    for (const SQliteSchema::Object& o : dropped)
+        if (o.type == QLatin1String("table") && o.table.ok && !o.table.isVirtual)
+            addTarget(o.name, o.table, o.rootPage, true);
     return true;
 }
 
 bool SQliteRecovery::setTable(const QString& name, const QString& givenPattern) {
     d->error.clear();
-    d->table = name;
-    if (!d->db.tables.contains(name) || name == QLatin1String("sqlite_master")) {
+    d->chosen = false;
+    d->all = false;
+    d->tableName = name;
+    d->buildTargets();
+    bool found = false;
+    for (const auto& t : d->targets) {
+        t->wanted = t->name == name;
+        found = found || t->wanted;
+        if (t->wanted && !t->dropped && !d->single) d->single = t.get();
+    }
+    if (!found) {
+        d->single = nullptr;
+        for (const SQliteSchema::Object& o : d->live)
+            if (o.type == QLatin1String("table") && o.name == name) {
+                d->error =
+                    o.table.isVirtual
+                        ? QString("'%1' is a virtual table: its rows are kept in other tables").arg(name)
+                    : !o.table.ok ? QString("cannot read the statement that created table '%1'").arg(name)
+                                  : QString("table '%1' declares no columns").arg(name);
+                return false;
+            }
         d->error = QString("no table named '%1'").arg(name);
         return false;
     }
-    if (!d->readSchema()) return false;
-    QString derived;
-    for (size_t i = 0; i < d->columns.size(); ++i) {
-        if (int(i) == d->alias) {
-            derived += 'n';
-            continue;
-        }
-        switch (d->columns[i].affinity) {
-        case IntegerAffinity:
-        case RealAffinity:
-            derived += 'd';
-            break;
-        case TextAffinity:
-            derived += 't';
-            break;
-        default:
-            derived += 'a';
-            break;
-        }
-    }
+    if (!d->single) // only a dropped table of that name
+        for (const auto& t : d->targets)
+            if (t->wanted && !d->single) d->single = t.get();
     if (!givenPattern.isEmpty()) {
-        if (givenPattern.size() != derived.size()) {
+        Target& t = *d->single;
+        if (givenPattern.size() != t.size()) {
             d->error = QString("the pattern has %1 letters, table '%2' has %3 columns")
                            .arg(givenPattern.size())
                            .arg(name)
-                           .arg(derived.size());
+                           .arg(t.size());
+            d->single = nullptr;
             return false;
         }
         for (QChar c : givenPattern)
             if (!QString("0123456789bdfinsta").contains(c)) {
                 d->error = QString("bad pattern letter '%1'").arg(c);
+                d->single = nullptr;
                 return false;
             }
+        t.pattern = givenPattern;
+        t.compiled.reset(new SQliteCodec::Pattern(givenPattern, true));
     }
-    d->pattern = givenPattern.isEmpty() ? derived : givenPattern;
-    d->compiled.reset(new SQliteCodec::Pattern(d->pattern, true));
+    d->chosen = true;
     return true;
 }
 
-// The live rows, by their stored values with and without their rowid.
-bool SQliteRecovery::Private::loadLive() {
-    liveWithRowid.clear();
-    liveValues.clear();
-    liveAllButOne.clear();
-    liveRowids.clear();
-    const qint32 encoding = db.header.textEncoding;
-    const int n = int(columns.size());
-    const bool complete =
-        SQliteScanner(db).forEachRecordView(table, [&](const SQliteScanner::RecordView& view) {
-            QList<QVariant> values;
-            values.reserve(n);
-            for (int i = 0; i < n; ++i) {
-                const qint64 type = i < view.size() ? view.serialType(i) : 0;
-                qint64 len = 0;
-                const uchar* p = i < view.size() ? view.bytes(i, &len) : nullptr;
-                values.append(p && len >= SQliteCodec::valueLength(type) && type != 10 && type != 11
-                                  ? columnValue(i, storedValue(p, type, encoding))
-                                  : QVariant());
-            }
-            const qint64 rowid = view.rowid();
-            liveRowids.insert(quint64(rowid));
-            liveWithRowid.insert(valuesKey(values, alias, &rowid));
-            liveValues.insert(valuesKey(values, alias, nullptr));
-            if (nearMatches())
-                for (int i = 0; i < n; ++i)
-                    if (i != alias) liveAllButOne.insert(allButOneKey(values, i));
-            return true;
-        });
-    for (KeySet* set : {&liveWithRowid, &liveValues, &liveAllButOne, &liveRowids})
-        set->freeze();
-    return complete;
-}
-
-void SQliteRecovery::Private::loadFreeList() {
-    freeSet.clear();
-    trunks.clear();
-    for (int p : db.freeListPages)
-        freeSet.insert(p);
-    SQliteSource& src = sqliteSource(db);
-    qint64 trunk = quint32(db.header.firstFreeListTrunk);
-    while (trunk > 0 && !trunks.contains(int(trunk)) && freeSet.contains(int(trunk))) {
-        trunks.insert(int(trunk));
-        ByteCursor c = src.cursor(pagePosition(quint32(pageSize), trunk), 4);
-        trunk = c.u32();
-    }
+bool SQliteRecovery::setAllTables() {
+    d->error.clear();
+    d->tableName.clear();
+    d->all = true;
+    d->buildTargets();
+    for (const auto& t : d->targets)
+        t->wanted = true;
+    d->chosen = true;
+    return true;
 }
 
 QByteArray SQliteRecovery::Private::readPage(int pageNo) {
     SQliteSource& src = sqliteSource(db);
     qint64 got = 0;
-    const uchar* p = src.bytes(pagePosition(quint32(pageSize), pageNo), pageSize, &got);
-    return QByteArray(reinterpret_cast<const char*>(p), int(got));
+    const uchar* p = src.bytes(sqliteio::pagePosition(pageSize, pageNo), pageSize, &got);
+    QByteArray bytes(reinterpret_cast<const char*>(p), int(got));
+    bytes.append(QByteArray(SQliteSource::kPadding, '\0')); // a scan may look a little past the end
+    bytes.chop(SQliteSource::kPadding);
+    return bytes;
 }
 
-bool SQliteRecovery::Private::isFree(int pageNo) {
-    if (pageNo < 1 || pageNo > db.header.pageCount) return false;
-    if (freeSet.contains(pageNo)) return true;
-    // Every page that a b-tree or a live overflow chain uses, worked out when first needed.
-    if (!usedKnown) usedPages = SQliteScanner(db).pageOwners();
-    usedKnown = true;
-    return !usedPages.contains(pageNo);
+// Which pages the live b-trees and their overflow chains use, which are free-list trunks, and
+// the live rows of the tables whose records are passed on, all in one walk of each tree.
+void SQliteRecovery::Private::loadPages() {
+    const Geometry g = sqliteGeometry(db);
+    pageSize = g.pageSize;
+    usable = g.usable;
+    SQliteBtree tree(db);
+    lastPage = tree.lastPage();
+    owned.assign(size_t(lastPage + 1), 0);
+    trunks.assign(size_t(lastPage + 1), 0);
+    oldTree.assign(size_t(lastPage + 1), 0);
+    if (lastPage >= 1) owned[1] = 1;
+    const qint32 encoding = g.encoding;
+    std::vector<uchar> payload;
+    std::vector<qint64> overflow;
+    RecordHeader header;
+    auto mark = [this](qint64 page) {
+        if (page >= 1 && page <= lastPage) owned[size_t(page)] = 1;
+    };
+    for (const SQliteSchema::Object& o : live) {
+        if (o.rootPage < 1) continue;
+        Target* t = nullptr;
+        for (const auto& candidate : targets)
+            if (!candidate->dropped && candidate->wanted && candidate->root == o.rootPage)
+                t = candidate.get();
+        if (t) {
+            for (KeySet* set : {&t->liveWithRowid, &t->liveValues, &t->liveAllButOne, &t->liveRowids})
+                set->clear();
+        }
+        const int n = t ? t->size() : 0;
+        tree.walk(
+            o.rootPage,
+            [&](const SQliteBtree::Entry& e) {
+                overflow.clear();
+                tree.readPayload(e.image, e.cell, payload, &overflow);
+                for (qint64 page : overflow)
+                    mark(page);
+                if (!t || isTablePage(e.type) != t->table) return true;
+                // The live row by its values as stored, with and without its rowid.
+                readRecordHeader(payload.data(), qint64(payload.size()), header);
+                QList<QVariant> values;
+                values.reserve(n);
+                qint64 at = header.size;
+                for (int i = 0; i < n; ++i) {
+                    SQliteValue v;
+                    const qint64 type = size_t(i) < header.types.size() ? header.types[size_t(i)] : 0;
+                    const qint64 left = qint64(payload.size()) - at;
+                    if (i != t->alias && left >= 0 &&
+                        SQliteCodec::stored(type, payload.data() + at, left, encoding, &v))
+                        values.append(t->columnValue(i, v.toVariant()));
+                    else
+                        values.append(QVariant());
+                    at += valueLength(type);
+                }
+                const qint64 rowid = e.cell.rowid;
+                if (t->table) t->liveRowids.insert(quint64(rowid));
+                if (t->table) t->liveWithRowid.insert(valuesKey(values, t->alias, &rowid));
+                t->liveValues.insert(valuesKey(values, t->alias, nullptr));
+                if (t->nearMatches())
+                    for (int i = 0; i < n; ++i)
+                        if (i != t->alias) t->liveAllButOne.insert(t->allButOneKey(values, i));
+                return true;
+            },
+            [&](qint64 page, int) { mark(page); });
+        if (t) {
+            for (KeySet* set : {&t->liveWithRowid, &t->liveValues, &t->liveAllButOne, &t->liveRowids})
+                set->freeze();
+            t->live = true;
+        }
+    }
+    // The trunks of the free list, as far as its chain can be followed.
+    sqliteio::walkFreeList(
+        sqliteSource(db), g, quint32(db.header.firstFreeListTrunk),
+        [this](qint64 p) { return p >= 1 && p <= lastPage && !owned[size_t(p)]; },
+        [this](qint64 p, qint64, const std::vector<quint32>&) { trunks[size_t(p)] = 1; });
+    // The old b-trees of dropped tables, over the free pages they left.
+    std::vector<uchar> image;
+    for (const auto& t : targets) {
+        if (!t->dropped) continue;
+        std::vector<qint64> todo{t->root};
+        SeenSet seen;
+        while (!todo.empty()) {
+            const qint64 page = todo.back();
+            todo.pop_back();
+            if (!isFree(page) || oldTree[size_t(page)] || !seen.insert(page) || !tree.readPage(page, image))
+                continue;
+            const int type = image[0];
+            if (!isBtreePage(type) || isTablePage(type) != t->table || trunks[size_t(page)]) continue;
+            oldTree[size_t(page)] = t->index + 1;
+            if (!isInterior(type)) continue;
+            todo.push_back(get32(image.data() + page::RightChild));
+            forEachCellPointer(image.data(), usable, 0, [&](int, qint64 offset) {
+                if (offset + 4 <= usable) todo.push_back(get32(image.data() + offset));
+                return true;
+            });
+        }
+    }
+    pagesKnown = true;
 }
 
 // ---------------------------------------------------------------------------------------------
 // Candidates
 
-// The serial types of columns first.. at pos, each accepted by its column; consumed counts
-// their bytes.
-bool SQliteRecovery::Private::typesAt(const uchar* data, qint64 pos, qint64 end, int first, Candidate& c,
-                                      qint64* consumed) const {
-    c.types.assign(size_t(first), 0);
-    qint64 at = pos;
-    for (int i = first; i < int(columns.size()); ++i) {
-        qint64 type = 0;
-        int len = 0;
-        if (!varint(data, at, end, &type, &len) || type > INT32_MAX || !compiled->matches(i, int(type)))
-            return false;
-        c.types.push_back(type);
-        at += len;
-    }
-    *consumed = at - pos;
-    return true;
-}
-
-// A record whose header starts at pos: its size, then serial types that fill it exactly.
+// A record whose header starts at pos: its size, then serial types that fill it exactly, each
+// accepted by its column of t.
 bool SQliteRecovery::Private::headerAt(const uchar* data, qint64 pos, qint64 areaStart, qint64 areaEnd,
-                                       Candidate& c) const {
-    qint64 headerSize = 0, consumed = 0;
+                                       const Target& t, Candidate& c) const {
+    qint64 headerSize = 0;
     int len = 0;
-    const qint64 n = qint64(columns.size());
+    const qint64 n = t.size();
     // Most places fail on sight: a one-byte header size too small for the columns, or a first
     // serial type the first column refuses.
     const uchar first = data[pos];
     if (first < 0x80 &&
-        (first < n + 1 || pos + 1 >= areaEnd || compiled->firstRefuses(data + pos + 1, areaEnd - pos - 1)))
+        (first < n + 1 || pos + 1 >= areaEnd || t.compiled->firstRefuses(data + pos + 1, areaEnd - pos - 1)))
         return false;
     if (!varint(data, pos, areaEnd, &headerSize, &len)) return false;
     if (headerSize < len + n || headerSize > len + 9 * n) return false;
-    if (!typesAt(data, pos + len, areaEnd, 0, c, &consumed) || len + consumed != headerSize) return false;
+    c.types.clear();
+    qint64 at = pos + len;
+    for (int i = 0; i < n; ++i) {
+        qint64 type = 0;
+        int l = 0;
+        if (!varint(data, at, areaEnd, &type, &l) || !t.accepts(i, type)) return false;
+        c.types.push_back(type);
+        at += l;
+    }
+    if (at - pos != headerSize) return false;
     c.start = pos;
     c.headerSize = headerSize;
-    c.lostTypes = 0;
     c.valuesAt = pos + headerSize;
     c.length = headerSize;
-    for (qint64 t : c.types)
-        c.length += SQliteCodec::valueLength(t);
-    // The cell's payload length and rowid, when they survive right in front of the header.
+    c.rebuilt.clear();
+    for (qint64 type : c.types)
+        c.length += valueLength(type);
+    // The cell's payload length and rowid (a table's) or payload length alone (an index's), when
+    // they survive right in front of the header.
     c.cellStart = -1;
-    for (int rowidLen = 1; rowidLen <= 9 && c.cellStart < 0; ++rowidLen) {
+    for (int rowidLen = t.table ? 1 : 0; rowidLen <= (t.table ? 9 : 0) && c.cellStart < 0; ++rowidLen) {
         for (int payloadLen = 1; payloadLen <= 3; ++payloadLen) {
             const qint64 s = pos - rowidLen - payloadLen;
             qint64 payload = 0, rowid = 0;
             int l1 = 0, l2 = 0;
             if (s < areaStart || !varint(data, s, pos, &payload, &l1) || l1 != payloadLen ||
-                payload != c.length || !varint(data, s + l1, pos, &rowid, &l2) || l2 != rowidLen)
+                payload != c.length)
                 continue;
+            if (t.table && (!varint(data, s + l1, pos, &rowid, &l2) || l2 != rowidLen)) continue;
             c.cellStart = s;
             c.rowid = rowid;
             break;
@@ -736,284 +681,121 @@ bool SQliteRecovery::Private::headerAt(const uchar* data, qint64 pos, qint64 are
     return true;
 }
 
-// A record whose first bytes a freeblock header overwrote: its serial types from column lost
-// on start at pos; the lost ones can only have been NULL.
-bool SQliteRecovery::Private::lostHeaderAt(const uchar* data, qint64 pos, qint64 areaEnd, int lost,
-                                           Candidate& c) const {
-    for (int i = 0; i < lost; ++i)
-        if (!(i == alias || pattern.at(i) == 'n')) return false;
-    qint64 consumed = 0;
-    if (!typesAt(data, pos, areaEnd, lost, c, &consumed)) return false;
-    c.start = pos;
-    c.cellStart = -1;
-    c.lostTypes = lost;
-    c.headerSize = 1 + lost + consumed;
-    c.valuesAt = pos + consumed;
-    c.length = c.headerSize;
-    for (qint64 t : c.types)
-        c.length += SQliteCodec::valueLength(t);
-    return true;
-}
-
-// Reads the candidate's values (following its overflow chain when it has one) into a record.
-void SQliteRecovery::Private::finish(const uchar* data, qint64 areaEnd, const Candidate& c, Record& r) {
-    r = Record();
-    r.rowidKnown = c.cellStart >= 0;
-    r.rowid = r.rowidKnown ? c.rowid : 0;
-    // The payload starts with the record's header, which for a record whose header was
-    // overwritten lay headerSize bytes before its values all the same.
-    const qint64 payloadStart = c.valuesAt - c.headerSize;
-    const qint64 local = SQliteCodec::localPayload(c.length, usable);
-    qint64 localEnd = payloadStart + local;
-    QByteArray values;
-    bool layoutOk = true;
-    if (local < c.length) {
-        // An overflowing record: the page number follows its local part.
-        if (localEnd + 4 > areaEnd) {
-            layoutOk = false;
-            localEnd = std::min(localEnd, areaEnd);
-        } else {
-            values = QByteArray(reinterpret_cast<const char*>(data + c.valuesAt), int(localEnd - c.valuesAt));
-            qint64 next = be32(data + localEnd);
-            qint64 left = c.length - local;
-            QSet<qint64> seen;
-            r.overflow = Reassembled;
-            while (left > 0) {
-                if (next < 1 || seen.contains(next) || !isFree(int(next))) {
-                    r.overflow = Broken;
-                    break;
+// A record whose cell started at f, where a freeblock header has since overwritten its first four
+// bytes: its payload length, its rowid (in a table) and, when they are short, its header size
+// and first serial types. Every way the lost varints and serial types can have been that fits
+// what survives, the columns of t and the freeblock (the cell ends exactly at end when exact,
+// else before it, where another cell can start) is read; the readings that pass every check of
+// what t's columns can hold are kept.
+void SQliteRecovery::Private::rebuild(const uchar* data, qint64 f, qint64 end, bool exact, const Target& t,
+                                      std::vector<Found>& out) {
+    const int n = t.size();
+    if (f + kFreeblockHeaderSize >= end) return;
+    // The serial types a lost one-byte varint can have been, for each column.
+    std::vector<std::vector<qint64>> lostChoices(2);
+    for (int col = 0; col < std::min(n, 2); ++col)
+        for (qint64 type = 0; type < 128; ++type)
+            if (type != 10 && type != 11 && t.accepts(col, type)) lostChoices[size_t(col)].push_back(type);
+    const int rowidMax = t.table ? 2 : 0;
+    for (int p = 1; p <= 3; ++p) {
+        for (int r = t.table ? 1 : 0; r <= rowidMax; ++r) {
+            if (p + r > 3) continue; // the header size survives: an ordinary header, read elsewhere
+            for (int h = 1; h <= 2; ++h) {
+                const qint64 typesAt = p + r + h; // from f
+                const int lostBytes = int(std::max<qint64>(0, kFreeblockHeaderSize - typesAt));
+                if (lostBytes > 2) continue;
+                // The serial types that start in the lost bytes: one-byte varints filling them.
+                const int lost = lostBytes;
+                if (lost > n) continue;
+                Candidate c;
+                c.types.assign(size_t(lost), 0);
+                qint64 at = f + std::max<qint64>(typesAt, kFreeblockHeaderSize);
+                bool ok = true;
+                for (int i = lost; i < n && ok; ++i) {
+                    qint64 type = 0;
+                    int l = 0;
+                    ok = varint(data, at, end, &type, &l) && t.accepts(i, type);
+                    c.types.push_back(type);
+                    at += l;
                 }
-                seen.insert(next);
-                const QByteArray bytes = readPage(int(next));
-                if (bytes.size() < 4) {
-                    r.overflow = Broken;
-                    break;
+                if (!ok) continue;
+                const qint64 headerSize = at - f - p - r;
+                if (varintLength(quint64(headerSize)) != h) continue;
+                // A two-byte header size whose second byte survives must agree with it.
+                if (h == 2 && typesAt == 5 && data[f + 4] != uchar(headerSize & 0x7F)) continue;
+                qint64 known = 0;
+                for (int i = lost; i < n; ++i)
+                    known += valueLength(c.types[size_t(i)]);
+                // Every choice of the lost serial types (a handful at most in practice).
+                std::vector<std::vector<qint64>> choices;
+                std::vector<qint64> pick(static_cast<size_t>(lost));
+                std::function<void(int)> choose = [&](int i) {
+                    if (i == lost) {
+                        choices.push_back(pick);
+                        return;
+                    }
+                    for (qint64 type : lostChoices[size_t(i)]) {
+                        pick[size_t(i)] = type;
+                        choose(i + 1);
+                    }
+                };
+                choose(0);
+                for (const std::vector<qint64>& lostTypes : choices) {
+                    qint64 payload = headerSize + known;
+                    for (int i = 0; i < lost; ++i) {
+                        c.types[size_t(i)] = lostTypes[size_t(i)];
+                        payload += valueLength(lostTypes[size_t(i)]);
+                    }
+                    if (varintLength(quint64(payload)) != p) continue;
+                    const qint64 local = localPayload(payload, usable, t.table);
+                    const qint64 cellLength = p + r + local + (local < payload ? kOverflowHeaderSize : 0);
+                    if (exact ? f + cellLength != end
+                              : (f + cellLength > end || !cellBoundary(data, f + cellLength, end)))
+                        continue;
+                    c.start = f + kFreeblockHeaderSize;
+                    c.cellStart = -1;
+                    c.headerSize = headerSize;
+                    c.valuesAt = f + p + r + headerSize;
+                    c.length = payload;
+                    c.rebuilt =
+                        QString("the first %1 bytes of its cell (payload length%2%3%4) rebuilt from the %5")
+                            .arg(kFreeblockHeaderSize)
+                            .arg(t.table ? ", rowid" : "")
+                            .arg(h + p + r <= kFreeblockHeaderSize ? ", header size" : "")
+                            .arg(lost ? QString(", %1 serial type%2").arg(lost).arg(lost > 1 ? "s" : "")
+                                      : QString())
+                            .arg(exact ? "freeblock's size" : "cell that follows");
+                    Found found;
+                    found.target = &t;
+                    found.strength = exact ? 3 : 1;
+                    finish(data, exact ? end : f + cellLength, c, t, found.record);
+                    if (!found.record.reasons.isEmpty()) continue; // does not fit the layout
+                    place(c, t, 0, Freeblock, c.start, found.record);
+                    // Only readings that t could have held count.
+                    const QStringList& why = found.record.reasons;
+                    if (why.contains(kEncoding) || why.contains(kAffinity) || why.contains(kEmpty) ||
+                        why.contains(kLayout))
+                        continue;
+                    out.push_back(found);
                 }
-                const uchar* p = reinterpret_cast<const uchar*>(bytes.constData());
-                const qint64 take = std::min<qint64>(left, std::min<qint64>(usable, bytes.size()) - 4);
-                values.append(reinterpret_cast<const char*>(p + 4), int(take));
-                left -= take;
-                next = be32(p);
             }
-            localEnd += 4;
         }
-    } else if (localEnd > areaEnd) {
-        layoutOk = false;
     }
-    if (values.isNull()) {
-        const qint64 end = std::min(localEnd, areaEnd);
-        values = QByteArray(reinterpret_cast<const char*>(data + c.valuesAt),
-                            int(std::max<qint64>(0, end - c.valuesAt)));
-    }
-
-    // The values, in declared order; one cut off reads as NULL.
-    const qint32 encoding = db.header.textEncoding;
-    const uchar* p = reinterpret_cast<const uchar*>(values.constData());
-    qint64 at = 0;
-    bool cut = false;
-    textOk = true;
-    for (size_t i = 0; i < c.types.size(); ++i) {
-        const qint64 type = c.types[i];
-        const qint64 len = SQliteCodec::valueLength(type);
-        if (type == 10 || type == 11) layoutOk = false;
-        if (at + len > values.size() || type == 10 || type == 11) {
-            cut = cut || at + len > values.size();
-            // Of text or a blob that a broken overflow chain cut off, what there is.
-            qint64 have = std::max<qint64>(0, values.size() - at);
-            if (r.overflow == Broken && type >= 12 && have > 0) {
-                if (type % 2 && encoding != 2 && encoding != 3)
-                    while (have > 0 && !validUtf8(p + at, have)) // not in the middle of a character
-                        --have;
-                r.values.append(
-                    type % 2 ? QVariant(QString(storedValue(p + at, 13 + 2 * have, encoding).toString()))
-                             : QVariant(QByteArray(reinterpret_cast<const char*>(p + at), int(have))));
-            } else {
-                r.values.append(QVariant());
-            }
-            at += len;
-            continue;
-        }
-        if (type >= 13 && type % 2 == 1)
-            textOk = textOk && (encoding == 2 || encoding == 3 || validUtf8(p + at, len));
-        r.values.append(columnValue(int(i), storedValue(p + at, type, encoding)));
-        at += len;
-    }
-    r.length = int(localEnd - (r.rowidKnown ? c.cellStart : c.start));
-    if (!layoutOk || (cut && r.overflow != Broken)) r.reasons << kLayout;
-    if (r.overflow == Broken) r.verdict = Partial;
 }
 
-void SQliteRecovery::Private::place(const Candidate& c, int pageNo, Region region, qint64 offset, Record& r) {
-    r.page = pageNo;
-    r.region = region;
-    r.offset = int(offset);
-    r.fileOffset = pagePosition(quint32(pageSize), pageNo) + offset;
-    if (alias >= 0 && alias < r.values.size())
-        r.values[alias] = r.rowidKnown ? QVariant(r.rowid) : QVariant();
-    check(c, r);
-}
-
-void SQliteRecovery::Private::check(const Candidate& c, Record& r) {
-    const qint32 encoding = db.header.textEncoding;
-    bool empty = true, encodingOk = textOk, affinityOk = true;
-    for (int i = 0; i < r.values.size(); ++i) {
-        const QVariant& v = r.values.at(i);
-        const qint64 type = c.types[size_t(i)];
-        if (i == alias) {
-            affinityOk = affinityOk && type == 0;
-            continue;
+// Whether a cell could end at e in a block that ends at blockEnd: the block ends there, or a
+// freed cell (its first four bytes a freeblock header) or a whole cell starts there.
+bool SQliteRecovery::Private::cellBoundary(const uchar* data, qint64 e, qint64 blockEnd) const {
+    if (e == blockEnd) return true;
+    if (e > blockEnd || e + 4 > usable) return false;
+    if (formerFreeblockEnd(data, e + 4) >= 0) return true;
+    for (qint64 k = 2; k <= 12 && e + k < blockEnd; ++k)
+        for (const auto& t : targets) {
+            Candidate next;
+            if (t->size() == 0) continue;
+            if (headerAt(data, e + k, e, blockEnd, *t, next) && next.cellStart == e) return true;
         }
-        switch (int(v.type())) {
-        case QMetaType::QString: {
-            const QString s = v.toString();
-            if (!s.isEmpty()) empty = false;
-            if (encoding == 2 || encoding == 3) encodingOk = encodingOk && validUtf16(s);
-            encodingOk = encodingOk && !mostlyControl(s);
-            const Affinity a = columns[size_t(i)].affinity;
-            if ((a == IntegerAffinity || a == RealAffinity || a == NumericAffinity) && looksNumeric(s))
-                affinityOk = false;
-            break;
-        }
-        case QMetaType::QByteArray: {
-            // A blob of zero bytes, or nearly, is nothing either.
-            const QByteArray b = v.toByteArray();
-            if (b.count('\0') * 4 < b.size() * 3) empty = false;
-            break;
-        }
-        case QMetaType::LongLong:
-            if (v.toLongLong() != 0) empty = false;
-            if (columns[size_t(i)].affinity == TextAffinity) affinityOk = false;
-            break;
-        case QMetaType::Double: {
-            const double x = v.toDouble();
-            if (x != 0) empty = false;
-            const Affinity a = columns[size_t(i)].affinity;
-            if (a == TextAffinity) affinityOk = false;
-            // An integral float in an integer column would have been stored as an integer.
-            if ((a == IntegerAffinity || a == NumericAffinity) && std::isfinite(x) && x == std::floor(x) &&
-                std::fabs(x) < 9.2e18)
-                affinityOk = false;
-            break;
-        }
-        default:
-            break;
-        }
-    }
-    if (!encodingOk) r.reasons << kEncoding;
-    if (!affinityOk) r.reasons << kAffinity;
-    if (empty) r.reasons << kEmpty;
-
-    QList<QVariant> stored = r.values;
-    if (alias >= 0) stored[alias] = QVariant();
-    const quint64 valuesOnly = valuesKey(stored, alias, nullptr);
-    if (r.rowidKnown ? liveWithRowid.contains(valuesKey(stored, alias, &r.rowid))
-                     : liveValues.contains(valuesOnly)) {
-        r.reasons << kLive;
-    } else if (r.rowidKnown ? liveRowids.contains(quint64(r.rowid)) : nearMatches()) {
-        bool earlier = r.rowidKnown;
-        for (int i = 0; i < stored.size() && !earlier; ++i)
-            earlier = i != alias && liveAllButOne.contains(allButOneKey(stored, i));
-        if (earlier) r.reasons << kSuperseded;
-    }
-    if (!r.reasons.isEmpty()) r.verdict = Held;
-}
-
-bool SQliteRecovery::Private::report(Record& r, const Callback& callback) {
-    r.version = version;
-    QList<QVariant> stored = r.values;
-    if (alias >= 0) stored[alias] = QVariant();
-    const quint64 key = valuesKey(stored, alias, nullptr);
-    if (!version.isEmpty()) {
-        // Older versions of pages repeat what the database shows and what other versions hold:
-        // a live row, or a record already reported, is passed over and only counted.
-        if (r.reasons.contains(kLive)) return ++summary.unchanged, true;
-        if (reported.contains(key) || heldFromVersions.contains(key)) return ++summary.repeated, true;
-        if (r.verdict == Held) heldFromVersions.insert(key);
-    }
-    bool overlaps = false;
-    for (const auto& range : claimed.value(claimKey(r)))
-        overlaps = overlaps || (r.offset < range.second && range.first < r.offset + r.length);
-    if (r.verdict != Held && (overlaps || reported.contains(key))) {
-        r.reasons << kDuplicate;
-        r.verdict = Held;
-    }
-    if (r.verdict == Held) {
-        ++summary.held;
-        for (const QString& reason : r.reasons)
-            ++summary.reasons[reason];
-        return includeHeld ? callback(r) : true;
-    }
-    ++(r.verdict == Partial ? summary.partial : summary.recovered);
-    reported.insert(key);
-    claimed[claimKey(r)].append({r.offset, r.offset + r.length});
-    return callback(r);
-}
-
-// Searches [start, end) of a page image. heads are the places where a freeblock's header
-// overwrote a cell's first four bytes: a record may go on there without its header. Every
-// candidate is read first; then, where candidates overlap, the one with the most of its cell
-// surviving wins (payload length and rowid, then header, then serial types alone), and the
-// records are reported by offset.
-bool SQliteRecovery::Private::searchArea(const uchar* data, int pageNo, Region region, qint64 start,
-                                         qint64 end, const QSet<qint64>& heads, const Callback& callback) {
-    struct Found {
-        Record record;
-        int strength;
-    };
-    std::vector<Found> found;
-    Candidate c;
-    for (qint64 pos = start; pos < end; ++pos) {
-        for (int attempt = 0; attempt < 3; ++attempt) {
-            // A record whose first four bytes a freeblock header overwrote (one that is still a
-            // freeblock, or one since merged into a larger one) ends where that freeblock did.
-            qint64 blockEnd = end;
-            if (attempt > 0) {
-                blockEnd = heads.contains(pos) ? end : formerFreeblockEnd(data, pos);
-                if (blockEnd < 0) break;
-                blockEnd = std::min(blockEnd, end);
-            }
-            const bool ok = attempt == 0 ? headerAt(data, pos, start, end, c)
-                                         : lostHeaderAt(data, pos, blockEnd, attempt - 1, c);
-            if (!ok) continue;
-            Record r;
-            finish(data, blockEnd, c, r);
-            // A freeblock header left inside a larger freeblock is believed only when the record
-            // fills its freeblock exactly, as a cell freed alone does, or when another cell
-            // follows right after it.
-            if (attempt > 0 && !heads.contains(pos) && !cellBoundary(data, c.start + r.length, blockEnd))
-                continue;
-            place(c, pageNo, region, r.rowidKnown ? c.cellStart : c.start, r);
-            found.push_back({r, attempt > 0 ? 1 : r.rowidKnown ? 3 : 2});
-            if (r.verdict != Held) break;
-        }
-    }
-    if (found.empty()) return true;
-
-    std::vector<size_t> order(found.size());
-    for (size_t i = 0; i < order.size(); ++i)
-        order[i] = i;
-    std::stable_sort(order.begin(), order.end(), [&found](size_t a, size_t b) {
-        const Found &x = found[a], &y = found[b];
-        if ((x.record.verdict == Held) != (y.record.verdict == Held)) return y.record.verdict == Held;
-        return x.strength > y.strength;
-    });
-    std::vector<QPair<qint64, qint64>> taken;
-    std::vector<size_t> kept;
-    for (size_t i : order) {
-        const Record& r = found[i].record;
-        const qint64 from = r.offset, to = qint64(r.offset) + std::max(1, r.length);
-        bool overlaps = false;
-        for (const auto& t : taken)
-            overlaps = overlaps || (from < t.second && t.first < to);
-        if (overlaps) continue;
-        taken.push_back({from, to});
-        kept.push_back(i);
-    }
-    std::sort(kept.begin(), kept.end(),
-              [&found](size_t a, size_t b) { return found[a].record.offset < found[b].record.offset; });
-    for (size_t i : kept)
-        if (!report(found[i].record, callback)) return false;
-    return true;
+    return false;
 }
 
 // The end of the freeblock whose 4-byte header would be right before pos (its offset to the
@@ -1028,128 +810,575 @@ qint64 SQliteRecovery::Private::formerFreeblockEnd(const uchar* data, qint64 pos
     return pos - 4 + size;
 }
 
-// Whether a cell could end at e in a block that ends at blockEnd: the block ends there, or a
-// freed cell (its first four bytes a freeblock header) or a whole cell starts there.
-bool SQliteRecovery::Private::cellBoundary(const uchar* data, qint64 e, qint64 blockEnd) const {
-    if (e == blockEnd) return true;
-    if (e > blockEnd || e + 4 > usable) return false;
-    if (formerFreeblockEnd(data, e + 4) >= 0) return true;
-    Candidate next;
-    for (qint64 k = 2; k <= 12 && e + k < blockEnd; ++k)
-        if (headerAt(data, e + k, e, blockEnd, next) && next.cellStart == e) return true;
-    return false;
-}
-
-// The freeblocks of a leaf page image whose header is at headerAt, as (offset, size) pairs.
-void SQliteRecovery::Private::freeblockHeads(const uchar* data, qint64 headerAt, qint64 from,
-                                             QVector<QPair<qint64, qint64>>* blocks) const {
-    qint64 offset = be16(data + headerAt + 1);
-    QSet<qint64> seen;
-    while (offset != 0 && !seen.contains(offset) && offset >= from && offset + 4 <= usable) {
-        seen.insert(offset);
-        const qint64 size = be16(data + offset + 2);
-        if (size < 4 || offset + size > usable) break;
-        blocks->append({offset, size});
-        offset = be16(data + offset);
+// Reads the candidate's values (following its overflow chain when it has one) into a record.
+void SQliteRecovery::Private::finish(const uchar* data, qint64 areaEnd, const Candidate& c, const Target& t,
+                                     Record& r) {
+    r = Record();
+    r.rowidKnown = t.table && c.cellStart >= 0;
+    r.rowid = r.rowidKnown ? c.rowid : 0;
+    r.rebuilt = c.rebuilt;
+    // The payload starts with the record's header, which for a record whose header was
+    // overwritten lay headerSize bytes before its values all the same.
+    const qint64 payloadStart = c.valuesAt - c.headerSize;
+    const qint64 local = localPayload(c.length, usable, t.table);
+    qint64 localEnd = payloadStart + local;
+    QByteArray values;
+    bool layoutOk = true;
+    if (local < c.length) {
+        // An overflowing record: the page number follows its local part. Each overflow page must
+        // still be able to be one: free, and no free-list trunk.
+        if (localEnd + 4 > areaEnd) {
+            layoutOk = false;
+            localEnd = std::min(localEnd, areaEnd);
+        } else {
+            values = QByteArray(reinterpret_cast<const char*>(data + c.valuesAt), int(localEnd - c.valuesAt));
+            qint64 next = qint64(get32(data + localEnd));
+            qint64 left = c.length - local;
+            SeenSet seen;
+            r.overflow = Reassembled;
+            while (left > 0) {
+                if (!overflowPage(next) || !seen.insert(next)) {
+                    r.overflow = Broken;
+                    break;
+                }
+                const QByteArray bytes = readPage(int(next));
+                if (bytes.size() < usable) {
+                    r.overflow = Broken;
+                    break;
+                }
+                const uchar* p = reinterpret_cast<const uchar*>(bytes.constData());
+                const qint64 take = std::min<qint64>(left, usable - kOverflowHeaderSize);
+                values.append(reinterpret_cast<const char*>(p + kOverflowHeaderSize), int(take));
+                left -= take;
+                next = qint64(get32(p));
+            }
+            localEnd += 4;
+        }
+    } else if (localEnd > areaEnd) {
+        layoutOk = false;
     }
-}
-
-bool SQliteRecovery::Private::searchLeaf(const QByteArray& bytes, int pageNo, const Callback& callback) {
-    if (bytes.size() < usable) return true;
-    const uchar* data = reinterpret_cast<const uchar*>(bytes.constData());
-    const qint64 header = pageNo == 1 ? 100 : 0;
-    if (data[header] != 13) return true;
-    const qint64 cells = be16(data + header + 3);
-    const qint64 gapStart = header + 8 + 2 * cells;
-    qint64 contentStart = be16(data + header + 5);
-    if (contentStart == 0) contentStart = 65536;
-    contentStart = std::min(contentStart, usable);
-    if (gapStart < contentStart && !searchArea(data, pageNo, Gap, gapStart, contentStart, {}, callback))
-        return false;
-    QVector<QPair<qint64, qint64>> blocks;
-    freeblockHeads(data, header, gapStart, &blocks);
-    for (const auto& block : blocks)
-        if (!searchArea(data, pageNo, Freeblock, block.first + 4, block.first + block.second,
-                        {block.first + 4}, callback))
-            return false;
-    return true;
-}
-
-bool SQliteRecovery::Private::searchFreePage(const QByteArray& bytes, int pageNo, bool trunk,
-                                             const Callback& callback) {
-    if (bytes.size() < usable) return true;
-    const uchar* data = reinterpret_cast<const uchar*>(bytes.constData());
-    qint64 start = 0;
-    if (trunk) start = std::min<qint64>(usable, 8 + 4 * std::min<qint64>(be32(data + 4), usable / 4));
-    // A page that was a table leaf keeps its old header: its freeblocks' first bytes are lost.
-    QSet<qint64> heads;
-    if (start == 0 && data[0] == 13) {
-        QVector<QPair<qint64, qint64>> blocks;
-        freeblockHeads(data, 0, 8, &blocks);
-        for (const auto& block : blocks)
-            heads.insert(block.first + 4);
+    if (values.isNull()) {
+        const qint64 end = std::min(localEnd, areaEnd);
+        values = QByteArray(reinterpret_cast<const char*>(data + c.valuesAt),
+                            int(std::max<qint64>(0, end - c.valuesAt)));
     }
-    return searchArea(data, pageNo, FreePage, start, usable, heads, callback);
-}
 
-// The cells of an older version of a table leaf page: whole, with their payload length and
-// rowid. Those whose rowid is no longer in the table were deleted since; those whose values
-// differ from the live row's are earlier versions of it.
-bool SQliteRecovery::Private::searchCells(const QByteArray& bytes, int pageNo, const Callback& callback) {
-    const uchar* data = reinterpret_cast<const uchar*>(bytes.constData());
-    const qint64 header = pageNo == 1 ? 100 : 0;
-    const qint64 cells = be16(data + header + 3);
-    Candidate c;
-    for (qint64 i = 0; i < cells && header + 8 + 2 * i + 2 <= usable; ++i) {
-        const qint64 offset = be16(data + header + 8 + 2 * i);
-        if (offset < header + 8 || offset >= usable) continue;
-        qint64 payload = 0, rowid = 0;
-        int l1 = 0, l2 = 0;
-        if (!varint(data, offset, usable, &payload, &l1) || !varint(data, offset + l1, usable, &rowid, &l2))
+    // The values, in record order; one cut off reads as NULL.
+    const qint32 encoding = db.header.textEncoding;
+    const uchar* p = reinterpret_cast<const uchar*>(values.constData());
+    qint64 at = 0;
+    bool cut = false;
+    textOk = true;
+    for (size_t i = 0; i < c.types.size(); ++i) {
+        const qint64 type = c.types[i];
+        const qint64 len = valueLength(type);
+        if (type == 10 || type == 11) layoutOk = false;
+        SQliteValue v;
+        if (at + len > values.size() || type == 10 || type == 11) {
+            cut = cut || at + len > values.size();
+            // Of text or a blob that a broken overflow chain cut off, what there is.
+            qint64 have = std::max<qint64>(0, values.size() - at);
+            if (r.overflow == Broken && type >= 12 && have > 0) {
+                if (type % 2 && encoding != Utf16le && encoding != Utf16be)
+                    while (have > 0 && !validUtf8(p + at, have)) // not in the middle of a character
+                        --have;
+                SQliteCodec::stored(type % 2 ? 13 + 2 * have : 12 + 2 * have, p + at, have, encoding, &v);
+                r.values.append(v.toVariant());
+            } else {
+                r.values.append(QVariant());
+            }
+            at += len;
             continue;
-        if (!headerAt(data, offset + l1 + l2, offset, usable, c) || c.cellStart != offset) continue;
-        Record r;
-        finish(data, usable, c, r);
-        place(c, pageNo, Cell, offset, r);
-        if (!report(r, callback)) return false;
+        }
+        if (type >= 13 && type % 2 == 1)
+            textOk = textOk && (encoding == Utf16le || encoding == Utf16be || validUtf8(p + at, len));
+        SQliteCodec::stored(type, p + at, len, encoding, &v);
+        r.values.append(t.columnValue(int(i), v.toVariant()));
+        at += len;
+    }
+    r.length = int(localEnd - (r.rowidKnown || c.cellStart >= 0 ? c.cellStart : c.start));
+    if (!layoutOk || (cut && r.overflow != Broken)) r.reasons << kLayout;
+    if (r.overflow == Broken) r.verdict = Partial;
+}
+
+void SQliteRecovery::Private::place(const Candidate& c, const Target& t, int pageNo, Region region,
+                                    qint64 offset, Record& r) {
+    r.page = pageNo;
+    r.region = region;
+    r.offset = int(offset);
+    r.fileOffset = sqliteio::pagePosition(pageSize, pageNo) + offset;
+    r.table = t.name;
+    r.dropped = t.dropped;
+    if (t.alias >= 0 && t.alias < r.values.size())
+        r.values[t.alias] = r.rowidKnown ? QVariant(r.rowid) : QVariant();
+    check(c, t, r);
+}
+
+void SQliteRecovery::Private::check(const Candidate& c, const Target& t, Record& r) {
+    const qint32 encoding = db.header.textEncoding;
+    bool empty = true, encodingOk = textOk, affinityOk = true;
+    for (int i = 0; i < r.values.size(); ++i) {
+        const QVariant& v = r.values.at(i);
+        const qint64 type = c.types[size_t(i)];
+        if (i == t.alias) {
+            affinityOk = affinityOk && type == 0;
+            continue;
+        }
+        const SQliteSchema::Affinity a = t.columns[size_t(i)].affinity;
+        switch (int(v.type())) {
+        case QMetaType::QString: {
+            const QString s = v.toString();
+            if (!s.isEmpty()) empty = false;
+            if (encoding == Utf16le || encoding == Utf16be) encodingOk = encodingOk && validUtf16(s);
+            encodingOk = encodingOk && !mostlyControl(s);
+            if ((a == SQliteSchema::IntegerAffinity || a == SQliteSchema::RealAffinity ||
+                 a == SQliteSchema::NumericAffinity) &&
+                looksNumeric(s))
+                affinityOk = false;
+            break;
+        }
+        case QMetaType::QByteArray: {
+            // A blob of zero bytes, or nearly, is nothing either.
+            const QByteArray b = v.toByteArray();
+            if (b.count('\0') * 4 < b.size() * 3) empty = false;
+            break;
+        }
+        case QMetaType::LongLong:
+            if (v.toLongLong() != 0) empty = false;
+            if (a == SQliteSchema::TextAffinity) affinityOk = false;
+            break;
+        case QMetaType::Double: {
+            const double x = v.toDouble();
+            if (x != 0) empty = false;
+            if (a == SQliteSchema::TextAffinity) affinityOk = false;
+            // An integral float in an integer column would have been stored as an integer.
+            if ((a == SQliteSchema::IntegerAffinity || a == SQliteSchema::NumericAffinity) && type == 7 &&
+                std::isfinite(x) && x == std::floor(x) && std::fabs(x) < 9.2e18)
+                affinityOk = false;
+            break;
+        }
+        default:
+            break;
+        }
+    }
+    if (!encodingOk) r.reasons << kEncoding;
+    if (!affinityOk) r.reasons << kAffinity;
+    if (empty) r.reasons << kEmpty;
+
+    if (t.live) {
+        QList<QVariant> stored = r.values;
+        if (t.alias >= 0) stored[t.alias] = QVariant();
+        const quint64 valuesOnly = valuesKey(stored, t.alias, nullptr);
+        if (r.rowidKnown ? t.liveWithRowid.contains(valuesKey(stored, t.alias, &r.rowid))
+                         : t.liveValues.contains(valuesOnly)) {
+            r.reasons << kLive;
+        } else if (r.rowidKnown ? t.liveRowids.contains(quint64(r.rowid)) : t.nearMatches()) {
+            bool earlier = r.rowidKnown;
+            for (int i = 0; i < stored.size() && !earlier; ++i)
+                earlier = i != t.alias && t.liveAllButOne.contains(t.allButOneKey(stored, i));
+            if (earlier) r.reasons << kSuperseded;
+        }
+    }
+    if (!r.reasons.isEmpty()) r.verdict = Held;
+}
+
+// How well a record fits a table: a point for each value of the class its column's affinity
+// keeps (text in TEXT, an integer in INTEGER, a number in REAL or NUMERIC, a blob or anything in
+// a column without a type).
+int SQliteRecovery::Private::fitScore(const Record& r, const Target& t) const {
+    int score = 0;
+    for (int i = 0; i < r.values.size(); ++i) {
+        const int type = int(r.values.at(i).type());
+        if (type == QMetaType::UnknownType) continue;
+        switch (t.columns[size_t(i)].affinity) {
+        case SQliteSchema::TextAffinity:
+            score += type == QMetaType::QString ? 2 : 0;
+            break;
+        case SQliteSchema::IntegerAffinity:
+            score += type == QMetaType::LongLong ? 2 : 0;
+            break;
+        case SQliteSchema::RealAffinity:
+        case SQliteSchema::NumericAffinity:
+            score += type == QMetaType::LongLong || type == QMetaType::Double ? 2 : 0;
+            break;
+        default:
+            score += type == QMetaType::QByteArray ? 2 : 1;
+            break;
+        }
+    }
+    return score;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Searching
+
+// The live cells of a b-tree page image whose header is at header, as (offset, end) pairs.
+void SQliteRecovery::Private::liveCells(const uchar* data, qint64 header, int type,
+                                        QVector<QPair<qint64, qint64>>* used) const {
+    const qint64 first = header + btreeHeaderSize(type);
+    forEachCellPointer(data, usable, header, [&](int, qint64 offset) {
+        sqlitefmt::Cell cell;
+        if (offset >= first && readCell(data, usable, type, offset, cell))
+            used->append({offset, cell.payloadAt + cell.local + (cell.overflow ? kOverflowHeaderSize : 0)});
+        return true;
+    });
+}
+
+// The freeblocks of a b-tree page image whose header is at header, as (offset, size) pairs: the
+// chain is followed while each freeblock lies whole in the page, after from and after the one
+// before; a chain that loops or leaves the page ends there.
+void SQliteRecovery::Private::freeblocks(const uchar* data, qint64 header, qint64 from,
+                                         QVector<QPair<qint64, qint64>>* blocks) const {
+    qint64 floor = from;
+    walkFreeblocks(
+        be16(data + header + page::FirstFreeblock),
+        [&](qint64 offset, qint64* next, qint64* size) {
+            if (offset < floor || offset + kFreeblockHeaderSize > usable) return false;
+            *next = be16(data + offset);
+            *size = be16(data + offset + 2);
+            return *size >= kFreeblockHeaderSize && offset + *size <= usable;
+        },
+        [&](qint64 offset, qint64, qint64 size) {
+            blocks->append({offset, size});
+            floor = offset + size;
+            return true;
+        });
+}
+
+// Searches [start, end) of a page image for the records of every table (of owner alone when it
+// is given and fits). heads are freeblocks, (offset, size), that begin in the area: each
+// overwrote the first four bytes of a cell, which is rebuilt. A freeblock header left inside a
+// larger free area is recognised by its bytes.
+void SQliteRecovery::Private::searchArea(const uchar* data, int pageNo, Region region, qint64 start,
+                                         qint64 end, const QVector<QPair<qint64, qint64>>& heads,
+                                         const Target* owner, std::vector<Found>& found) {
+    Candidate c;
+    std::vector<Found> readings;
+    QVector<qint64> headAt;
+    for (const auto& h : heads)
+        headAt.append(h.first);
+    for (qint64 pos = start; pos < end; ++pos) {
+        // A record whose header starts here, for each table it fits.
+        std::vector<Found> fits;
+        for (const auto& tp : targets) {
+            const Target& t = *tp;
+            if (!headerAt(data, pos, start, end, t, c)) continue;
+            // A header of one serial type says next to nothing: its cell must show around it.
+            if (t.size() < 2 && c.cellStart < 0) continue;
+            Found f;
+            f.target = &t;
+            finish(data, end, c, t, f.record);
+            place(c, t, pageNo, region, c.cellStart >= 0 ? c.cellStart : c.start, f.record);
+            f.strength = c.cellStart >= 0 ? 3 : 2;
+            fits.push_back(f);
+        }
+        if (!fits.empty()) {
+            found.push_back(fits.front());
+            for (size_t i = 1; i < fits.size(); ++i)
+                found.push_back(fits[i]);
+        }
+        // A cell whose first four bytes a freeblock header overwrote: a freeblock still in the
+        // chain starts at pos, or the bytes before pos + 4 read as one that was.
+        const int head = headAt.indexOf(pos);
+        const qint64 former = head < 0 && pos + 4 < end ? formerFreeblockEnd(data, pos + 4) : -1;
+        if (head < 0 && former < 0) continue;
+        const qint64 blockEnd = std::min(end, head >= 0 ? pos + heads[head].second : former);
+        for (const auto& tp : targets) {
+            if (owner && tp.get() != owner) continue;
+            readings.clear();
+            rebuild(data, pos, blockEnd, true, *tp, readings);
+            if (readings.empty()) rebuild(data, pos, std::min(end, blockEnd), false, *tp, readings);
+            if (readings.empty()) continue;
+            // One reading, or several that all give the same values: rebuilt. Otherwise it is
+            // held back as ambiguous.
+            bool same = true;
+            for (const Found& f : readings)
+                same = same && f.record.values == readings.front().record.values;
+            Found f = readings.front();
+            if (head < 0) f.strength = std::min(f.strength, 2); // the freeblock's bytes alone said so
+            f.record.page = pageNo;
+            f.record.region = region;
+            f.record.fileOffset = sqliteio::pagePosition(pageSize, pageNo) + f.record.offset;
+            if (!same) {
+                f.record.reasons << kAmbiguous;
+                f.record.verdict = Held;
+            }
+            found.push_back(f);
+        }
+    }
+}
+
+// The cells of a page image that is no page of a live table (an older version of a leaf, or a
+// leaf of a dropped table's old b-tree): whole, with their payload length and rowid.
+void SQliteRecovery::Private::searchCells(const uchar* data, int pageNo, Region region, const Target* owner,
+                                          std::vector<Found>& found) {
+    const qint64 header = btreeHeaderOffset(pageNo);
+    const int type = data[header];
+    Candidate c;
+    forEachCellPointer(data, usable, header, [&](int, qint64 offset) {
+        sqlitefmt::Cell cell;
+        if (offset < header + kLeafHeaderSize || !readCell(data, usable, type, offset, cell)) return true;
+        for (const auto& tp : targets) {
+            const Target& t = *tp;
+            if ((owner && &t != owner) || t.table != isTablePage(type)) continue;
+            if (!headerAt(data, cell.payloadAt, offset, usable, t, c) || c.cellStart != offset) continue;
+            Found f;
+            f.target = &t;
+            f.strength = 4;
+            finish(data, usable, c, t, f.record);
+            place(c, t, pageNo, region, offset, f.record);
+            found.push_back(f);
+        }
+        return true;
+    });
+}
+
+// Searches a page image: the free space of a leaf (everything its live cells do not cover) of
+// owner's b-tree when leafOfOwner, or else the whole page as a free page: its cells when it was a
+// leaf, and its free space.
+void SQliteRecovery::Private::searchPage(const uchar* data, int pageNo, bool leafOfOwner, const Target* owner,
+                                         std::vector<Found>& found) {
+    const qint64 header = btreeHeaderOffset(pageNo);
+    const int type = data[header];
+    if (leafOfOwner || (type == TableLeaf || type == IndexLeaf)) {
+        if (!leafOfOwner && !trunks[size_t(pageNo)]) searchCells(data, pageNo, FreePage, owner, found);
+        const Region gapRegion = leafOfOwner ? Gap : FreePage;
+        const Region blockRegion = leafOfOwner ? Freeblock : FreePage;
+        QVector<QPair<qint64, qint64>> used;
+        liveCells(data, header, type, &used);
+        const qint64 pointersEnd = header + kLeafHeaderSize + 2 * be16(data + header + page::CellCount);
+        QVector<QPair<qint64, qint64>> blocks;
+        freeblocks(data, header, pointersEnd, &blocks);
+        // The free areas: between the pointers' end and the first cell, and between cells; the
+        // unallocated gap ends where the page header says the cell content area starts.
+        qint64 contentStart = be16(data + header + page::ContentStart);
+        if (contentStart == 0) contentStart = kLargestPage;
+        if (contentStart > pointersEnd && contentStart < usable) used.append({contentStart, contentStart});
+        std::sort(used.begin(), used.end());
+        qint64 at = std::min(pointersEnd, usable);
+        used.append({usable, usable});
+        for (const auto& cell : used) {
+            if (cell.first > at) {
+                QVector<QPair<qint64, qint64>> heads;
+                for (const auto& b : blocks)
+                    if (b.first >= at && b.first < cell.first) heads.append(b);
+                searchArea(data, pageNo, at < contentStart ? gapRegion : blockRegion, at, cell.first, heads,
+                           leafOfOwner ? owner : nullptr, found);
+            }
+            at = std::max(at, cell.second);
+        }
+        return;
+    }
+    // A free page of another kind: a trunk keeps its list of leaves first.
+    qint64 start = 0;
+    if (trunks[size_t(pageNo)])
+        start = std::min<qint64>(
+            usable, trunk::Leaves + 4 * std::min<qint64>(get32(data + trunk::LeafCount), usable / 4));
+    else if (isBtreePage(type))
+        return; // an interior page left by a dropped tree: its cells hold no rows
+    searchArea(data, pageNo, FreePage, start, usable, {}, nullptr, found);
+}
+
+// Keeps, where candidates overlap, the one with the most of its cell surviving, gives each to
+// the table it fits best, and reports them by offset.
+bool SQliteRecovery::Private::report(std::vector<Found>& found, const Callback& callback) {
+    if (found.empty()) return true;
+    std::vector<size_t> order(found.size());
+    for (size_t i = 0; i < order.size(); ++i)
+        order[i] = i;
+    std::stable_sort(order.begin(), order.end(), [this, &found](size_t a, size_t b) {
+        const Found &x = found[a], &y = found[b];
+        if ((x.record.verdict == Held) != (y.record.verdict == Held)) return y.record.verdict == Held;
+        if (x.strength != y.strength) return x.strength > y.strength;
+        return fitScore(x.record, *x.target) > fitScore(y.record, *y.target);
+    });
+    struct Kept {
+        size_t index;
+        qint64 from, to;
+    };
+    std::vector<Kept> kept;
+    for (size_t i : order) {
+        const Record& r = found[i].record;
+        const qint64 from = r.offset, to = qint64(r.offset) + std::max(1, r.length);
+        bool overlaps = false;
+        for (Kept& k : kept) {
+            if (!(from < k.to && k.from < to)) continue;
+            overlaps = true;
+            // The same bytes read as a record of another table, as well: a candidate.
+            Found& best = found[k.index];
+            if (from == k.from && to == k.to && found[i].target != best.target &&
+                (r.verdict == Held) == (best.record.verdict == Held) && found[i].strength == best.strength &&
+                fitScore(r, *found[i].target) == fitScore(best.record, *best.target) &&
+                !best.record.ambiguous.contains(found[i].target->name) &&
+                found[i].target->name != best.target->name)
+                best.record.ambiguous << found[i].target->name;
+        }
+        if (!overlaps) kept.push_back({i, from, to});
+    }
+    std::sort(kept.begin(), kept.end(), [](const Kept& a, const Kept& b) { return a.from < b.from; });
+    for (const Kept& k : kept) {
+        Found& f = found[k.index];
+        if (!f.target->wanted) continue;
+        if (!report(f.record, *f.target, callback)) return false;
     }
     return true;
 }
+
+bool SQliteRecovery::Private::report(Record& r, const Target& t, const Callback& callback) {
+    r.version = version;
+    QList<QVariant> stored = r.values;
+    if (t.alias >= 0) stored[t.alias] = QVariant();
+    const quint64 key = mix(valuesKey(stored, t.alias, nullptr), quint64(t.index));
+    if (!version.isEmpty()) {
+        // Older versions of pages repeat what the database shows and what other versions hold:
+        // a live row, or a record already reported, is passed over and only counted.
+        if (r.reasons.contains(kLive)) return ++summary.unchanged, true;
+        if (reported.contains(key) || heldFromVersions.contains(key)) return ++summary.repeated, true;
+        if (r.verdict == Held) heldFromVersions.insert(key);
+    }
+    const QString claim = QString::number(r.page) + '@' + r.version;
+    bool overlaps = false;
+    for (const auto& range : claimed.value(claim))
+        overlaps = overlaps || (r.offset < range.second && range.first < r.offset + r.length);
+    if (r.verdict != Held && (overlaps || reported.contains(key))) {
+        r.reasons << kDuplicate;
+        r.verdict = Held;
+    }
+    if (r.verdict == Held) {
+        ++summary.held;
+        for (const QString& reason : r.reasons)
+            ++summary.reasons[reason];
+        return includeHeld ? callback(r) : true;
+    }
+    ++(r.verdict == Partial ? summary.partial : summary.recovered);
+    reported.insert(key);
+    claimed[claim].append({r.offset, r.offset + r.length});
+    return callback(r);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Dropped tables
+
+// The rows of the schema table that lie in free space (the free space of its own pages and the
+// pages no table owns) and name tables or indexes that the schema no longer holds as they were.
+void SQliteRecovery::Private::findDropped() {
+    if (droppedKnown) return;
+    droppedKnown = true;
+    dropped.clear();
+    std::vector<std::unique_ptr<Target>> saved;
+    saved.swap(targets);
+    addTarget(QStringLiteral("sqlite_master"), SQliteSchema::parseCreateTable(SQliteSchema::masterTableSql()),
+              1, false);
+    Target& master = *targets.front();
+    master.pattern = QStringLiteral("tttdt");
+    master.compiled.reset(new SQliteCodec::Pattern(master.pattern, true));
+    master.wanted = true;
+    loadPages();
+    QSet<QString> seen;
+    const Callback keep = [&](const Record& r) {
+        if (r.values.size() != 5) return true;
+        SQliteSchema::Object o;
+        o.type = r.values.at(0).toString();
+        o.name = r.values.at(1).toString();
+        o.tableName = r.values.at(2).toString();
+        o.rootPage = r.values.at(3).toLongLong();
+        o.sql = r.values.at(4).toString();
+        if ((o.type != QLatin1String("table") && o.type != QLatin1String("index")) || o.sql.isEmpty())
+            return true;
+        const QString key = o.type + '\x01' + o.name + '\x01' + o.sql;
+        if (seen.contains(key)) return true;
+        seen.insert(key);
+        if (o.type == QLatin1String("table")) {
+            o.table = SQliteSchema::parseCreateTable(o.sql);
+            if (!o.table.ok || o.table.name != o.name) return true;
+        }
+        // The same object as a live one, or an earlier statement of a live table kept on its
+        // root page (before ALTER TABLE, or under an earlier name): not dropped.
+        for (const SQliteSchema::Object& l : live) {
+            if (l.type != o.type) continue;
+            if (l.name == o.name && l.sql == o.sql) return true;
+            if (l.rootPage == o.rootPage && o.type == QLatin1String("table")) {
+                const QStringList was = o.table.columnNames(), is = l.table.columnNames();
+                if (was.size() <= is.size() && is.mid(0, was.size()) == was) return true;
+            }
+            if (l.rootPage == o.rootPage && o.type == QLatin1String("index") && l.tableName == o.tableName)
+                return true;
+        }
+        dropped.append(o);
+        return true;
+    };
+    reported.clear();
+    claimed.clear();
+    std::vector<Found> found;
+    std::vector<int> pages;
+    for (int p : SQliteBtree(db).leafPages(1))
+        pages.push_back(p);
+    for (qint64 p = 2; p <= lastPage; ++p)
+        if (!owned[size_t(p)]) pages.push_back(int(p));
+    for (int page : pages) {
+        const QByteArray bytes = readPage(page);
+        if (bytes.size() < usable) continue;
+        found.clear();
+        const uchar* data = reinterpret_cast<const uchar*>(bytes.constData());
+        searchPage(data, page, owned[size_t(page)] != 0, owned[size_t(page)] ? &master : nullptr, found);
+        report(found, keep);
+    }
+    targets.swap(saved);
+    pagesKnown = false;
+}
+
+QList<SQliteSchema::Object> SQliteRecovery::droppedObjects() {
+    if (!d->droppedKnown) {
+        d->live = SQliteSchema::read(d->db);
+        d->findDropped();
+    }
+    QList<SQliteSchema::Object> objects = d->dropped;
+    return objects;
+}
+
+// ---------------------------------------------------------------------------------------------
 
 bool SQliteRecovery::forEach(const Callback& callback) {
     d->summary = Summary();
     d->reported.clear();
     d->heldFromVersions.clear();
     d->claimed.clear();
-    d->usedKnown = false;
-    if (d->columns.empty() || !d->compiled) return true;
-    d->pageSize = d->db.header.pageSize;
-    d->usable = d->pageSize - d->db.header.reservedSpace;
-    if (d->usable < 480) return true; // no valid database has pages this small
-    d->loadLive();
-    d->loadFreeList();
-    QList<QPair<int, bool>> todo; // page, free
-    for (int p : d->db.tables.value(d->table).pages)
-        todo.append({p, false});
-    if (d->freePages) {
-        QSet<int> seen;
-        for (int p : d->db.freeListPages)
-            if (p >= 1 && p <= d->db.header.pageCount && !seen.contains(p)) {
-                seen.insert(p);
-                todo.append({p, true});
+    if (!d->chosen || d->targets.empty()) return true;
+    const Geometry g = sqliteGeometry(d->db);
+    if (g.usable < kSmallestUsable) return true; // no valid database has pages this small
+    d->loadPages();
+
+    // The leaves of the tables whose records are passed on, then the pages no table owns.
+    struct Job {
+        int page;
+        const Target* owner;
+        bool leaf;
+    };
+    QList<Job> todo;
+    for (const auto& t : d->targets)
+        if (t->wanted && !t->dropped)
+            for (int p : SQliteScanner(d->db).leafPages(t->root))
+                todo.append({p, t.get(), true});
+    if (d->freePages)
+        for (qint64 p = 2; p <= d->lastPage; ++p)
+            if (!d->owned[size_t(p)]) {
+                const int old = d->oldTree[size_t(p)];
+                todo.append({int(p), old ? d->targets[size_t(old - 1)].get() : nullptr, false});
             }
-    }
     const QList<SQliteLiveView::Version> versions =
         d->view ? d->view->hiddenVersions() : QList<SQliteLiveView::Version>();
     const int total = todo.size() + versions.size();
     d->version.clear();
+    std::vector<Private::Found> found;
     for (int i = 0; i < todo.size(); ++i) {
         if (stopRequested(d->db)) return false;
-        const int page = todo.at(i).first;
-        const QByteArray bytes = d->readPage(page);
-        const bool ok = todo.at(i).second ? d->searchFreePage(bytes, page, d->trunks.contains(page), callback)
-                                          : d->searchLeaf(bytes, page, callback);
-        if (!ok) return false;
+        const Job& job = todo.at(i);
+        const QByteArray bytes = d->readPage(job.page);
+        found.clear();
+        if (bytes.size() >= d->usable)
+            d->searchPage(reinterpret_cast<const uchar*>(bytes.constData()), job.page, job.leaf, job.owner,
+                          found);
+        if (!d->report(found, callback)) return false;
         if (d->progress) d->progress(i + 1, total);
     }
     // The versions of pages the database no longer shows: their cells, their free space.
@@ -1158,23 +1387,22 @@ bool SQliteRecovery::forEach(const Callback& callback) {
         const SQliteLiveView::Version& v = versions.at(i);
         d->version = v.describe();
         const QByteArray bytes = d->view->pageData(v);
+        found.clear();
         if (bytes.size() >= d->usable) {
-            const uchar type = uchar(bytes.at(v.page == 1 ? 100 : 0));
-            bool ok = true;
-            if (type == 13)
-                ok = d->searchCells(bytes, v.page, callback) && d->searchLeaf(bytes, v.page, callback);
-            else if (type != 2 && type != 5 && type != 10)
-                ok = d->searchFreePage(bytes, v.page, false, callback);
-            if (!ok) return false;
+            const uchar* data = reinterpret_cast<const uchar*>(bytes.constData());
+            const int type = data[btreeHeaderOffset(v.page)];
+            if (type == TableLeaf || type == IndexLeaf) {
+                d->searchCells(data, v.page, Cell, nullptr, found);
+                d->searchPage(data, v.page, true, nullptr, found);
+            } else if (!isBtreePage(type)) {
+                d->searchArea(data, v.page, FreePage, 0, d->usable, {}, nullptr, found);
+            }
         }
+        if (!d->report(found, callback)) return false;
         if (d->progress) d->progress(todo.size() + i + 1, total);
     }
     d->version.clear();
     return true;
-}
-
-void SQliteRecovery::setLiveView(const SQliteLiveView* view) {
-    d->view = view;
 }
 
 QList<SQliteRecovery::Record> SQliteRecovery::recover() {

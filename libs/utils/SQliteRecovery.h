@@ -1,23 +1,32 @@
-// Recovers the deleted records of one table of a loaded SQliteDbUtil and says, for each, where
-// it was found and how far it can be trusted. It sits beside the reader's own deleted-record
+// Recovers the deleted records of the tables of a loaded SQliteDbUtil, one table or all of them
+// (those the schema holds, and those whose CREATE statements it recovers from free space: dropped
+// tables), and says, for each record, where it was found, which table it belongs to and how far
+// it can be trusted. It sits beside the reader's own deleted-record
 // scan (searchLostRecord), whose results stay as they are, and differs from it on purpose:
 //
 // - the columns are known: by default their serial types follow from the table's declared
 //   types by SQLite's affinity rules (the rowid alias is stored as NULL);
 // - a candidate is a whole record: its header size, serial types and values must fit the block
 //   that holds it. The payload length and rowid of its cell are used when they survive in
-//   front of it, and a record whose first bytes a freeblock header overwrote is read from its
-//   surviving serial types when the lost ones can only have been the rowid alias;
+//   front of it. A record whose first bytes a freeblock header overwrote is rebuilt: the
+//   lengths of the lost varints and the lost serial types are enumerated within what the schema
+//   allows, what survives and the freeblock's size, and a reading is taken only when it is the
+//   only one that fits (or all that fit give the same values);
+// - a record on a page that no table owns goes to the table whose schema it fits best, and is
+//   flagged ambiguous, with the other candidates, when several fit as well; the old b-tree of a
+//   dropped table is walked over the free pages it left;
 // - values read as SQLite stores them: NULL as a null value, integers of every width with their
 //   sign, text in the database's encoding;
-// - a record that overflowed is reassembled from its overflow pages when they are free;
+// - a record that overflowed is reassembled from its overflow pages when each can still be one:
+//   a free-list leaf or a page no b-tree owns, never a free-list trunk or a page in use;
 // - every candidate is checked, and one that fails a check is held back with its reasons.
 //
-// It searches the table's leaf pages (the unallocated gap and the freeblocks of each) and, by
-// default, every page on the free list, where a record of any table may lie: there a record
-// must fit this table's columns to be taken for one of its rows.
+// It searches the free space of the tables' leaf pages (everything their live cells do not
+// cover, whatever their freeblock chains say) and, by default, every page that no live b-tree
+// owns, whether the free list reaches it or not.
 #pragma once
 
+#include "SQliteSchema.h"
 #include "utils_export.h"
 
 #include <QList>
@@ -57,6 +66,8 @@ public:
     static const QString kEmpty;    // "empty": nothing but NULLs, zeros and empty values
     static const QString
         kSuperseded; // "superseded": an earlier version of a live row (its rowid, or all but one value)
+    static const QString
+        kAmbiguous; // "ambiguous": its lost start can be rebuilt in ways that give other values
 
     struct Record {
         QList<QVariant> values; // in declared column order; NULL is a null QVariant
@@ -73,6 +84,10 @@ public:
         Verdict verdict = Recovered;
         QStringList reasons; // why it was held back
         Overflow overflow = NoOverflow;
+        QString table;         // the table it belongs to (the best fit, when ambiguous is not empty)
+        bool dropped = false;  // that table was dropped: its schema was recovered from free space
+        QStringList ambiguous; // the other tables it fits as well, on a page that no table owns
+        QString rebuilt;       // what of its start a freeblock header had overwritten, rebuilt
     };
     using Callback = std::function<bool(const Record& record)>;
     // Called after each page searched with the pages done and the pages to search.
@@ -90,12 +105,20 @@ public:
     // BLOB or no type. False, with error() saying why, for an unknown table, a table without
     // rowid or whose statement cannot be read, or a pattern of the wrong length or letters.
     bool setTable(const QString& table, const QString& pattern = QString());
+    // Every table instead: those of the schema and the dropped ones (always true).
+    bool setAllTables();
+    // The tables and indexes whose CREATE statements lie in free space but are not in the schema
+    // as it is (dropped, or dropped and created again with another statement), each with the root
+    // page it had; worked out once.
+    QList<SQliteSchema::Object> droppedObjects();
     QString error() const;
     QString table() const;
     QString pattern() const;
     QStringList columnNames() const;
     QStringList declaredTypes() const;
     int rowidAlias() const; // the column that is the rowid alias, or -1
+    // The columns of a record of the given table (live or dropped), as its values list them.
+    QStringList columnNames(const QString& table) const;
 
     void setFreePagesSearched(bool searched); // on by default
     void setHeldIncluded(bool included);      // off by default: held-back records are not passed on

@@ -1,8 +1,11 @@
 #include "SQliteScanner.h"
 
 #include "ByteCursor.h"
+#include "SQliteBtree.h"
 #include "SQliteCodec.h"
 #include "SQliteDbUtil.h"
+#include "SQliteFormat.h"
+#include "SQliteSchema.h"
 #include "SQliteSource.h"
 
 #include <QSet>
@@ -13,6 +16,7 @@
 #include <vector>
 
 using namespace sqliteio;
+using sqlitefmt::readVarint;
 
 struct SQliteScanner::Private {
     explicit Private(SQliteDbUtil& reader) : db(reader) {}
@@ -21,6 +25,7 @@ struct SQliteScanner::Private {
     ProgressCallback progress;
     std::vector<int> types;
     QByteArray payload;
+    sqlitefmt::RecordHeader header;
     RecordView view;
 
     bool decodeCell(SQliteSource& src, qint64 pos, RecordView& out);
@@ -71,9 +76,11 @@ QList<QVariant> SQliteScanner::RecordView::record() const {
     return record;
 }
 
-// The cell at pos: its payload (the local part, then the overflow chain) is copied into the
-// scanner, so that a view outlives later reads of the reader.
+// The cell at pos as the documented fetchRecordInPage reads it: its payload (the local part,
+// then every overflow page whole) is copied into the scanner, so that a view outlives later
+// reads of the reader.
 bool SQliteScanner::Private::decodeCell(SQliteSource& src, qint64 pos, RecordView& out) {
+    const sqlitefmt::Geometry g = sqliteGeometry(db);
     qint64 got = 0;
     ByteCursor head = src.cursor(pos, 18);
     int n = 0;
@@ -83,20 +90,19 @@ bool SQliteScanner::Private::decodeCell(SQliteSource& src, qint64 pos, RecordVie
     const qint64 available = std::max<qint64>(0, src.size() - at);
 
     // Local part and overflow as the file format defines them.
-    const qint64 usable = qint64(db.header.pageSize) - db.header.reservedSpace;
-    if (payloadSize <= usable - 35) {
+    if (payloadSize <= g.usable - 35) {
         // A negative size asks for everything that is left, as an unsigned count would.
         const qint64 wanted = payloadSize < 0 ? available : std::min<qint64>(payloadSize, available);
         const uchar* p = src.bytes(at, std::min<qint64>(wanted, INT32_MAX), &got);
         payload.resize(int(got));
         std::memcpy(payload.data(), p, size_t(got));
     } else {
-        const qint64 local = SQliteCodec::localPayload(payloadSize, usable);
+        const qint64 local = sqlitefmt::localPayload(payloadSize, g.usable);
         const uchar* p = src.bytes(at, std::max<qint64>(0, local), &got);
         payload = QByteArray(reinterpret_cast<const char*>(p), int(got));
         at += got;
-        ByteCursor next = src.cursor(at, 4);
-        payload += db.readOverFlowData(int(next.u32()));
+        ByteCursor next = src.cursor(at, sqlitefmt::kOverflowHeaderSize);
+        payload += documentedOverflow(src, g, next.u32());
     }
     readPayload(rowid, reinterpret_cast<const uchar*>(payload.constData()), payload.size(), out);
     return true;
@@ -109,32 +115,24 @@ void SQliteScanner::Private::readPayload(qint64 rowid, const uchar* p, qint64 n,
     out.m_payloadSize = n;
     out.m_types.clear();
     out.m_starts.clear();
-    ByteCursor c(p, n);
-    if (c.atEnd()) {
-        out.m_starts.push_back(0);
-        return;
-    }
-    int consumed = 0;
-    const qint64 headerSize = c.varint(&consumed);
-    while (consumed < headerSize && !c.atEnd()) {
-        int len = 0;
-        out.m_types.push_back(narrow32(c.varint(&len)));
-        consumed += len;
-    }
-    // Values follow the serial types directly; the header size is not used to reposition.
-    qint64 at = c.pos();
+    sqlitefmt::readRecordHeader(p, n, header);
+    // Serial types are narrowed to 32 bits, and values follow them directly: the documented
+    // reading does not use the header size to reposition.
+    for (qint64 type : header.types)
+        out.m_types.push_back(narrow32(type));
+    qint64 at = header.typesEnd;
     out.m_starts.push_back(at);
     for (int type : out.m_types) {
-        at += std::min(SQliteCodec::valueLength(type), std::max<qint64>(0, n - at));
+        at += std::min(sqlitefmt::valueLength(type), std::max<qint64>(0, n - at));
         out.m_starts.push_back(at);
     }
 }
 
 QList<QVariant> SQliteScanner::recordAt(int page, unsigned short offset) {
     const auto it = d->db.pages.constFind(page);
-    if (it == d->db.pages.constEnd() || it->type != 13) return {};
+    if (it == d->db.pages.constEnd() || it->type != sqlitefmt::TableLeaf) return {};
     SQliteSource& src = sqliteSource(d->db);
-    const qint64 pos = wrapped32Position(d->db.header.pageSize, page, offset);
+    const qint64 pos = wrapped32Position(sqliteGeometry(d->db).pageSize, page, offset);
     if (!src.canSeek(pos)) return {};
     d->decodeCell(src, pos, d->view);
     return d->view.record();
@@ -142,10 +140,11 @@ QList<QVariant> SQliteScanner::recordAt(int page, unsigned short offset) {
 
 bool SQliteScanner::Private::walkPage(int page, const ViewCallback& callback) {
     const auto it = db.pages.constFind(page);
-    if (it == db.pages.constEnd() || it->type != 13) return true;
+    if (it == db.pages.constEnd() || it->type != sqlitefmt::TableLeaf) return true;
+    const qint64 pageSize = sqliteGeometry(db).pageSize;
     SQliteSource& src = sqliteSource(db);
     for (quint16 offset : it->cellOffsets) {
-        const qint64 pos = wrapped32Position(db.header.pageSize, page, offset);
+        const qint64 pos = wrapped32Position(pageSize, page, offset);
         if (!src.canSeek(pos)) continue;
         decodeCell(src, pos, view);
         // A record without a value is no record.
@@ -183,31 +182,12 @@ bool SQliteScanner::forEachRecordInPage(int page, const RecordCallback& callback
 
 namespace {
 
-// A varint read straight from a block, as the stream reader would read it there: up to nine
-// bytes, the ninth whole; 0 with length 0 at the end, the bits so far when cut short.
+// A varint read straight from a block, as the stream reader would read it there: 0 with length 0
+// at the end, the bits so far when cut short.
 inline qint64 varintAt(const uchar* data, qint64 size, qint64 pos, int* len) {
-    if (pos >= size) {
-        *len = 0;
-        return 0;
-    }
-    const uchar first = data[pos];
-    if (first < 0x80) {
-        *len = 1;
-        return first;
-    }
-    quint64 value = first & 0x7F;
-    int n = 1;
-    while (pos + n < size) {
-        const uchar b = data[pos + n];
-        if (++n == 9) {
-            value = (value << 8) | b;
-            break;
-        }
-        value = (value << 7) | (b & 0x7F);
-        if (!(b & 0x80)) break;
-    }
-    *len = n;
-    return qint64(value);
+    const sqlitefmt::Varint v = readVarint(data + std::min(pos, size), size - std::min(pos, size));
+    *len = v.length;
+    return qint64(v.value);
 }
 
 } // namespace
@@ -327,35 +307,41 @@ bool SQliteScanner::searchBlock(const QByteArray& block, const QString& pattern,
 }
 
 void SQliteScanner::Private::spansInPage(SQliteSource& src, int page) {
+    using namespace sqlitefmt;
     spans.clear();
     const auto it = db.pages.constFind(page);
-    if (it == db.pages.constEnd() || it->type != 13) return;
-    const quint32 pageSize = db.header.pageSize;
+    if (it == db.pages.constEnd() || it->type != TableLeaf) return;
+    const Geometry g = sqliteGeometry(db);
 
     // The unallocated gap: from the end of the cell pointer array (the database header of
     // page 1 is not counted) to the start of the cell content area.
-    const qint64 start = pagePosition(pageSize, page) + 8 + 2 * qint64(it->cellCount);
+    const qint64 pointersEnd = kLeafHeaderSize + 2 * qint64(it->cellCount);
+    const qint64 start = g.pagePosition(page) + pointersEnd;
     const qint64 contentStart = it->cellContentStart == 0 ? 65536 : it->cellContentStart;
-    const qint64 length = contentStart - 8 - 2 * qint64(it->cellCount);
+    const qint64 length = contentStart - pointersEnd;
     if (length > 0 && src.canSeek(start)) spans.push_back({Gap, start, length});
 
     // The freeblocks, each read from after its 4-byte header for the whole size that header
     // gives, which counts the header itself: every block runs 4 bytes past the freeblock's end.
-    if (it->firstFreeblock == 0) return;
-    QSet<int> seen;
-    int offset = it->firstFreeblock;
-    while (offset != 0 && !seen.contains(offset)) {
-        seen.insert(offset);
-        // Computed unsigned in 32 bits: an offset past the page end wraps and does not stop.
-        if (pageSize - (quint32(db.header.reservedSpace) + quint32(offset)) < 4) break;
-        const qint64 at = wrapped32Position(pageSize, page, offset);
-        if (!src.canSeek(at)) break;
-        ByteCursor c = src.cursor(at, 4);
-        const int next = qint16(c.u16());
-        const int size = qint16(c.u16());
-        spans.push_back({Freeblock, at + c.pos(), std::max(0, size)});
-        offset = next;
-    }
+    // Offsets are read as signed 16-bit numbers and positions formed in 32 bits.
+    qint64 blockStart = 0;
+    walkFreeblocks(
+        it->firstFreeblock,
+        [&](qint64 offset, qint64* next, qint64* size) {
+            // Computed unsigned in 32 bits: an offset past the page end wraps and does not stop.
+            if (quint32(g.pageSize) - (quint32(g.pageSize - g.usable) + quint32(offset)) < 4) return false;
+            const qint64 at = wrapped32Position(g.pageSize, page, int(offset));
+            if (!src.canSeek(at)) return false;
+            ByteCursor c = src.cursor(at, kFreeblockHeaderSize);
+            *next = qint16(c.u16());
+            *size = qint16(c.u16());
+            blockStart = at + c.pos();
+            return true;
+        },
+        [&](qint64, qint64, qint64 size) {
+            spans.push_back({Freeblock, blockStart, std::max<qint64>(0, size)});
+            return true;
+        });
 }
 
 QList<SQliteScanner::Area> SQliteScanner::areasInPage(int page) {
@@ -396,14 +382,15 @@ bool SQliteScanner::forEachLostRecordInFreeSpace(const QString& pattern, bool wi
                                                  const FoundCallback& callback) {
     SQliteDbUtil& db = d->db;
     const SQliteCodec::Pattern compiled(pattern);
-    const qint64 length = qint64(db.header.pageSize) - db.header.reservedSpace - 12;
+    const sqlitefmt::Geometry g = sqliteGeometry(db);
+    const qint64 length = g.usable - 12;
     const QList<int> pages = db.freeListPages;
     for (int i = 0; i < pages.size(); ++i) {
         if (stopRequested(db)) return false;
         // The first 12 bytes of every free page (trunk or leaf) are skipped.
         const int page = pages.at(i);
         SQliteSource& src = sqliteSource(db);
-        const qint64 start = pagePosition(db.header.pageSize, page) + 12;
+        const qint64 start = g.pagePosition(page) + 12;
         if (page >= 1 && length > 0 && src.canSeek(start)) {
             qint64 got = 0;
             const uchar* p = src.bytes(start, length, &got);
@@ -419,43 +406,34 @@ bool SQliteScanner::forEachLostRecordInFreeSpace(const QString& pattern, bool wi
 // Pages in use
 
 QMap<int, QString> SQliteScanner::pageOwners() {
-    SQliteDbUtil& db = d->db;
     QMap<int, QString> owners;
-    QList<QPair<int, QString>> roots{{1, QStringLiteral("sqlite_master")}};
-    for (const QList<QVariant>& row : db.fetchRecordsInTable(QStringLiteral("sqlite_master")))
-        if (row.size() == 6 && row.at(4).toInt() > 0) roots.append({row.at(4).toInt(), row.at(2).toString()});
-    SQliteSource& src = sqliteSource(db);
-    const qint64 pageSize = db.header.pageSize, usable = pageSize - db.header.reservedSpace;
-    if (usable < 480) return owners;
-    for (const auto& root : roots) {
-        std::vector<int> todo{root.first};
-        while (!todo.empty()) {
-            const int pageNo = todo.back();
-            todo.pop_back();
-            const auto it = db.pages.constFind(pageNo);
-            if (it == db.pages.constEnd() || it->type == 0 || owners.contains(pageNo)) continue;
-            owners.insert(pageNo, root.second);
-            if (it->type == 2 || it->type == 5) todo.push_back(int(it->rightMostPointer));
-            for (quint16 offset : it->cellOffsets) {
-                ByteCursor c = src.cursor(pagePosition(quint32(pageSize), pageNo) + offset, 4 + 18);
-                if (it->type == 2 || it->type == 5) {
-                    todo.push_back(int(c.u32()));
-                    if (it->type == 5) continue;
-                }
-                int len = 0;
-                const qint64 payload = c.varint(&len);
-                if (it->type == 13) c.varint(&len);
-                const qint64 local = SQliteCodec::localPayload(payload, usable, it->type == 13);
-                if (local == payload || payload > (qint64(1) << 40)) continue;
-                const qint64 at = pagePosition(quint32(pageSize), pageNo) + offset + c.pos() + local;
-                qint64 next = src.cursor(at, 4).u32();
-                for (qint64 left = payload - local; next > 0 && left > 0 && !owners.contains(int(next));
-                     left -= usable - 4) {
-                    owners.insert(int(next), root.second);
-                    next = src.cursor(pagePosition(quint32(pageSize), next), 4).u32();
-                }
-            }
-        }
+    SQliteBtree tree(d->db);
+    if (tree.geometry().usable < sqlitefmt::kSmallestUsable) return owners;
+    std::vector<uchar> payload;
+    std::vector<qint64> overflow;
+    for (const SQliteSchema::Object& o : SQliteSchema::read(d->db)) {
+        if (o.rootPage < 1 || owners.contains(int(o.rootPage))) continue;
+        const auto unowned = [&owners](qint64 page) { return !owners.contains(int(page)); };
+        tree.walk(
+            o.rootPage,
+            [&](const SQliteBtree::Entry& e) {
+                if (!e.cell.overflow) return true;
+                overflow.clear();
+                tree.readPayload(e.image, e.cell, payload, &overflow, unowned);
+                for (qint64 page : overflow)
+                    owners.insert(int(page), o.name);
+                return true;
+            },
+            [&](qint64 page, int) {
+                if (unowned(page)) owners.insert(int(page), o.name);
+            });
     }
     return owners;
+}
+
+QList<int> SQliteScanner::leafPages(qint64 root) {
+    QList<int> leaves;
+    for (qint64 page : SQliteBtree(d->db).leafPages(root))
+        leaves.append(int(page));
+    return leaves;
 }

@@ -104,6 +104,8 @@ public:
 
     // Which table or index owns each page in use: its b-tree pages and its overflow pages.
     QMap<int, QString> pageOwners();
+    // The leaf pages of the b-tree (of a table or an index) under root, left to right.
+    QList<int> leafPages(qint64 root);
 
 private:
     struct Private;

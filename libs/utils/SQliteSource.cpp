@@ -140,3 +140,19 @@ ByteCursor SQliteSource::peek(qint64 pos, qint64 n) {
     m_peek.resize(size_t(n));
     return ByteCursor(m_peek.data(), readInto(pos, n, m_peek.data()));
 }
+
+QByteArray sqliteio::documentedOverflow(SQliteSource& src, const sqlitefmt::Geometry& geometry,
+                                        qint64 first) {
+    QByteArray content;
+    const qint64 usable = std::max<qint64>(0, geometry.usable - sqlitefmt::kOverflowHeaderSize);
+    sqlitefmt::walkChain(first, [&](qint64 page) -> qint64 {
+        const qint64 pos = geometry.pagePosition(page);
+        if (pos >= src.size() || !src.canSeek(pos)) return 0;
+        const quint32 next = src.cursor(pos, sqlitefmt::kOverflowHeaderSize).u32();
+        qint64 got = 0;
+        const uchar* p = src.bytes(pos + sqlitefmt::kOverflowHeaderSize, usable, &got);
+        content.append(reinterpret_cast<const char*>(p), int(got));
+        return next;
+    });
+    return content;
+}

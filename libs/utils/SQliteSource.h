@@ -7,9 +7,11 @@
 #pragma once
 
 #include "ByteCursor.h"
+#include "SQliteFormat.h"
 
 #include <QtGlobal>
 
+#include <algorithm>
 #include <vector>
 
 class QIODevice;
@@ -49,6 +51,11 @@ public:
     // page header when every page is indexed). Valid until the next peek.
     ByteCursor peek(qint64 pos, qint64 n);
 
+    // Whether a page size stored as 1 is taken for 65,536, as the engine takes it: set by the
+    // loaders that read what the engine reads, clear for the documented loadDb, which takes the
+    // header literally. Kept across reset().
+    bool largePages = false;
+
 private:
     struct Window {
         qint64 start = -1;
@@ -78,6 +85,9 @@ class SQliteDbUtil;
 SQliteSource& sqliteSource(SQliteDbUtil& db);
 // Whether db's stopSearch() was called (its flag is shared with the thread that calls it).
 bool stopRequested(const SQliteDbUtil& db);
+// The page size, usable bytes and text encoding db's operations work with: its header's, with a
+// page size stored as 1 read as 65,536 when it was loaded to read what the engine reads.
+sqlitefmt::Geometry sqliteGeometry(SQliteDbUtil& db);
 
 namespace sqliteio {
 
@@ -88,14 +98,56 @@ inline int narrow32(qint64 v) {
 }
 
 // Start of a page, computed in 64 bits.
-inline qint64 pagePosition(quint32 pageSize, qint64 page) {
-    return (page - 1) * qint64(pageSize);
+inline qint64 pagePosition(qint64 pageSize, qint64 page) {
+    return (page - 1) * pageSize;
 }
 
-// pageSize × (page − 1) + offset in 32-bit signed arithmetic, widened: kept as the reader always
-// formed positions inside a page (it wraps for positions past 2 GiB).
-inline qint64 wrapped32Position(quint32 pageSize, int page, int offset) {
-    return narrow32(qint64(pageSize * (quint32(page) - 1u) + quint32(offset)));
+// pageSize × (page − 1) + offset in 32-bit signed arithmetic, widened: kept as the documented
+// operations always formed positions inside a page (it wraps for positions past 2 GiB).
+inline qint64 wrapped32Position(qint64 pageSize, int page, int offset) {
+    return narrow32(qint64(quint32(pageSize) * (quint32(page) - 1u) + quint32(offset)));
+}
+
+// The content of an overflow chain from page first as the documented readOverFlowData reads it:
+// every page whole (its usable bytes after the 4-byte link), the last one too; the chain ends
+// at 0, at a page met before or outside the file.
+QByteArray documentedOverflow(SQliteSource& src, const sqlitefmt::Geometry& geometry, qint64 first);
+
+// The free list from the trunk page first, as the file links it: visit(trunk, next, leaves) for
+// each trunk in chain order with the next trunk's number and the leaf numbers it lists (at
+// most as many as a page holds). The
+// walk ends at 0, at a trunk met before, or at a trunk that accept(trunk) refuses, which it
+// returns (0 otherwise). A trunk that cannot be read is visited without leaves and ends it.
+template <typename Accept, typename Visit>
+qint64 walkFreeList(SQliteSource& src, const sqlitefmt::Geometry& g, qint64 first, Accept accept,
+                    Visit visit) {
+    qint64 refused = 0;
+    std::vector<quint32> leaves;
+    sqlitefmt::walkChain(first, [&](qint64 trunk) -> qint64 {
+        leaves.clear();
+        if (!accept(trunk)) {
+            refused = trunk;
+            return 0;
+        }
+        const qint64 pos = g.pagePosition(trunk);
+        if (!src.canSeek(pos)) {
+            visit(trunk, qint64(0), leaves);
+            return 0;
+        }
+        ByteCursor head = src.cursor(pos, sqlitefmt::trunk::Leaves);
+        const quint32 next = head.u32();
+        // A trunk page holds at most (page size − 8) / 4 leaf numbers; a larger count can only
+        // come from a damaged page and would read past it.
+        const quint32 capacity = g.pageSize > 8 ? quint32((g.pageSize - 8) / 4) : 0;
+        const quint32 count = std::min(head.u32(), capacity);
+        ByteCursor list = src.cursor(pos + head.pos(), 4 * qint64(count));
+        leaves.reserve(count);
+        for (quint32 i = 0; i < count; ++i)
+            leaves.push_back(list.u32());
+        visit(trunk, qint64(next), leaves);
+        return next;
+    });
+    return refused;
 }
 
 } // namespace sqliteio

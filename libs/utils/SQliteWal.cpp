@@ -1,6 +1,7 @@
 #include "SQliteWal.h"
 
 #include "ByteCursor.h"
+#include "SQliteFormat.h"
 
 #include <QFile>
 
@@ -10,10 +11,6 @@ namespace {
 
 constexpr qint64 kHeaderSize = 32;
 constexpr qint64 kFrameHeaderSize = 24;
-
-bool validPageSize(quint32 size) {
-    return size >= 512 && size <= 65536 && (size & (size - 1)) == 0;
-}
 
 } // namespace
 
@@ -54,7 +51,7 @@ bool SQliteWal::load(const QString& path) {
     header.checksum1 = c.u32();
     header.checksum2 = c.u32();
     if ((header.magic & 0xFFFFFFFE) != 0x377f0682) return m_error = "not a write-ahead log", false;
-    if (!validPageSize(header.pageSize))
+    if (!sqlitefmt::validPageSize(header.pageSize))
         return m_error = QString("page size %1 in the log's header").arg(header.pageSize), false;
     const bool big = bigEndianChecksums();
     quint32 s1 = 0, s2 = 0;

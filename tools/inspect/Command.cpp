@@ -34,7 +34,87 @@ const QList<Command>& commands() {
     return registry();
 }
 
-Args::Args(const QStringList& args, const QStringList& switches, const QStringList& options) {
+const Command* findCommand(const QString& name) {
+    for (const Command& c : registry())
+        if (c.name == name) return &c;
+    return nullptr;
+}
+
+namespace {
+
+// The words of a command's positional arguments, each with whether it may be left out and
+// whether it may be repeated.
+struct ArgumentWord {
+    bool optional;
+    bool repeated;
+};
+
+QList<ArgumentWord> argumentWords(const QString& arguments) {
+    QList<ArgumentWord> words;
+    int depth = 0;
+    bool inWord = false;
+    for (int i = 0; i <= arguments.size(); ++i) {
+        const QChar c = i < arguments.size() ? arguments.at(i) : QChar(' ');
+        if (c == '[' || c == ']' || c.isSpace()) {
+            if (inWord && arguments.midRef(0, i).endsWith("...")) words.last().repeated = true;
+            inWord = false;
+            depth += c == '[' ? 1 : c == ']' ? -1 : 0;
+        } else if (!inWord) {
+            inWord = true;
+            words.append({depth > 0, false});
+        }
+    }
+    return words;
+}
+
+QString optionText(const Option& o) {
+    return o.value ? QString("%1 %2").arg(o.name, o.value) : QString(o.name);
+}
+
+} // namespace
+
+int Command::minArguments() const {
+    int n = 0;
+    for (const ArgumentWord& w : argumentWords(arguments))
+        n += w.optional ? 0 : 1;
+    return n;
+}
+
+int Command::maxArguments() const {
+    const QList<ArgumentWord> words = argumentWords(arguments);
+    for (const ArgumentWord& w : words)
+        if (w.repeated) return -1;
+    return words.size();
+}
+
+QString Command::synopsis() const {
+    QString text = arguments.isEmpty() ? name : name + " " + arguments;
+    for (const Option& o : options)
+        text += o.required ? " " + optionText(o) : " [" + optionText(o) + "]";
+    return text;
+}
+
+QString Command::usage() const {
+    QStringList lines{"usage: utils-inspect " + synopsis(), help};
+    int width = 0;
+    for (const Option& o : options)
+        width = std::max(width, int(optionText(o).size()));
+    if (!options.isEmpty()) lines << "options:";
+    for (const Option& o : options) {
+        const QStringList help = QString(o.help).split('\n');
+        lines << QString("  %1  %2").arg(optionText(o), -width).arg(help.first());
+        for (int i = 1; i < help.size(); ++i)
+            lines << QString(width + 4, ' ') + help.at(i);
+    }
+    return lines.join('\n');
+}
+
+Args::Args(const QStringList& args, const Command& command) {
+    auto find = [&command](const QString& name) -> const Option* {
+        for (const Option& o : command.options)
+            if (name == o.name) return &o;
+        return nullptr;
+    };
     bool onlyPositional = false;
     for (int i = 0; i < args.size(); ++i) {
         const QString& a = args.at(i);
@@ -54,67 +134,52 @@ Args::Args(const QStringList& args, const QStringList& switches, const QStringLi
             m_help = true;
             continue;
         }
-        QString name = a;
-        QString inlineValue;
-        bool hasInline = false;
         const int eq = a.indexOf('=');
-        if (eq > 0) {
-            name = a.left(eq);
-            inlineValue = a.mid(eq + 1);
-            hasInline = true;
-        }
-        if (switches.contains(name) && !hasInline) {
-            m_switches << name;
-        } else if (options.contains(name)) {
-            if (hasInline) {
-                m_options[name] = inlineValue;
-            } else if (i + 1 < args.size()) {
-                m_options[name] = args.at(++i);
-            } else {
-                m_error = QString("option %1 needs a value").arg(name);
-                return;
-            }
-        } else {
+        const QString name = eq > 0 ? a.left(eq) : a;
+        const Option* option = find(name);
+        if (!option) {
             m_error = QString("unknown option %1").arg(a);
             return;
         }
-    }
-}
-
-bool Args::expect(int min, int max) {
-    if (!ok()) return false;
-    const int n = m_positional.size();
-    if (n < min) {
-        m_error = "missing argument";
-        return false;
-    }
-    if (max >= 0 && n > max) {
-        m_error = QString("unexpected argument %1").arg(m_positional.at(max));
-        return false;
-    }
-    return true;
-}
-
-bool parseOrExit(const QString& name, Args& args, int minPositional, int maxPositional, int* exit) {
-    const Command* command = nullptr;
-    for (const Command& c : commands())
-        if (c.name == name) command = &c;
-    if (args.helpRequested()) {
-        if (command) {
-            out("usage: utils-inspect " + command->synopsis);
-            out(command->help);
+        if (!option->value) {
+            if (eq > 0) {
+                m_error = QString("option %1 takes no value").arg(name);
+                return;
+            }
+            m_switches << name;
+        } else if (eq > 0) {
+            m_options[name] = a.mid(eq + 1);
+        } else if (i + 1 < args.size()) {
+            m_options[name] = args.at(++i);
+        } else {
+            m_error = QString("option %1 needs a value").arg(name);
+            return;
         }
-        *exit = Ok;
-        return false;
     }
-    if (!args.expect(minPositional, maxPositional)) {
-        fail(QString("%1: %2 (usage: utils-inspect %3)")
-                 .arg(name, args.error(), command ? command->synopsis : name),
-             Usage);
-        *exit = Usage;
-        return false;
+    for (const Option& o : command.options) {
+        if (o.required && !has(o.name)) {
+            m_error = QString("%1 is required").arg(optionText(o));
+            return;
+        }
     }
-    return true;
+    const int n = m_positional.size(), max = command.maxArguments();
+    if (n < command.minArguments())
+        m_error = "missing argument";
+    else if (max >= 0 && n > max)
+        m_error = QString("unexpected argument %1").arg(m_positional.at(max));
+}
+
+int runCommand(const Command& command, const QStringList& argv) {
+    const Args args(argv, command);
+    if (args.helpRequested()) {
+        out(command.usage());
+        return Ok;
+    }
+    if (!args.ok())
+        return fail(
+            QString("%1: %2 (usage: utils-inspect %3)").arg(command.name, args.error(), command.synopsis()),
+            Usage);
+    return command.run(args);
 }
 
 bool checkInputFile(QString& path) {
@@ -124,6 +189,21 @@ bool checkInputFile(QString& path) {
     if (info.isDir()) return fail(path + ": is a folder, not a file"), false;
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly)) return fail(path + ": cannot open for reading"), false;
+    return true;
+}
+
+bool isStdio(const QString& path) {
+    return path.isEmpty() || path == "-";
+}
+
+bool checkOutputFile(const QString& input, const QString& output, bool force) {
+    if (isStdio(output)) return true;
+    const QFileInfo target(output);
+    if (!isStdio(input) && target.exists() &&
+        target.canonicalFilePath() == QFileInfo(input).canonicalFilePath())
+        return fail(output + ": is the input file; it is never written"), false;
+    if (target.isDir()) return fail(output + ": is a folder"), false;
+    if (target.exists() && !force) return fail(output + ": exists (--force overwrites it)"), false;
     return true;
 }
 
@@ -157,6 +237,23 @@ void progress(const QString& text) {
     fwrite(bytes.constData(), 1, size_t(bytes.size()), stderr);
     fflush(stderr);
     shown = !text.isEmpty();
+}
+
+QString isoDateTime(qint64 unixSeconds, int nanos, Qt::TimeSpec spec) {
+    const QDateTime at = QDateTime::fromSecsSinceEpoch(unixSeconds, spec);
+    QString text = at.toString("yyyy-MM-ddTHH:mm:ss");
+    if (nanos) {
+        QString fraction = QString::number(nanos).rightJustified(9, '0');
+        while (fraction.endsWith('0'))
+            fraction.chop(1);
+        text += '.' + fraction;
+    }
+    if (spec == Qt::UTC) return text + 'Z';
+    const int offset = at.offsetFromUtc();
+    return text + QString("%1%2:%3")
+                      .arg(offset < 0 ? '-' : '+')
+                      .arg(qAbs(offset) / 3600, 2, 10, QChar('0'))
+                      .arg(qAbs(offset) % 3600 / 60, 2, 10, QChar('0'));
 }
 
 QJsonValue toJson(const QVariant& value) {

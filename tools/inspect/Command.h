@@ -11,30 +11,57 @@
 
 namespace inspect {
 
-// Exit codes: 0 success, 1 the input could not be read or decoded, 2 wrong usage.
-enum ExitCode { Ok = 0, Failed = 1, Usage = 2 };
+// Exit codes, by the kind of failure: 1 the input could not be read or decoded, 2 wrong usage,
+// 130 stopped by Ctrl-C.
+enum ExitCode { Ok = 0, Failed = 1, Usage = 2, Interrupted = 130 };
+
+// One option of a command, declared once: the parser and the command's --help come from it.
+struct Option {
+    const char* name;  // "--format"
+    const char* value; // what the value is called in the help ("F"); null for a switch
+    const char* help;  // what it does; a "\n" starts a further line of help
+    bool required = false;
+};
+
+class Args;
 
 struct Command {
     QString name;
-    QString synopsis; // "tables DB"
-    QString help;     // several lines: what it does and its options
-    std::function<int(const QStringList& args)> run;
+    // The positional arguments as the help shows them, which also sets how many are accepted:
+    // words in [brackets] may be left out, a word ending in "..." may be repeated.
+    // "DB TABLE [PATTERN]", "FILE...", "[IN [OUT]]".
+    QString arguments;
+    QString help; // several lines: what the command does
+    QList<Option> options;
+    std::function<int(const Args& args)> run;
     bool needsGui = false; // draws pictures or text: runs under a QGuiApplication
+
+    // "recover DB TABLE [PATTERN] [--all] [--json] ..."
+    QString synopsis() const;
+    // The usage line, the help and the options with their help, aligned.
+    QString usage() const;
+    int minArguments() const;
+    int maxArguments() const; // -1: no limit
 };
 
 // Subcommand files register themselves with a static object:
-//   static inspect::Registration reg({"tables", "tables DB", "...", &runTables});
+//   static inspect::Registration reg({"tables", "DB", "...", {{"--json", nullptr, "..."}}, &runTables});
 struct Registration {
     explicit Registration(Command command);
 };
 const QList<Command>& commands();
+const Command* findCommand(const QString& name);
 
-// Parsed command line of one subcommand: positional arguments, switches and valued options.
+// Parses a command line and runs the command: its --help, a usage error (exit 2) or run().
+int runCommand(const Command& command, const QStringList& argv);
+
+// Parsed command line of one subcommand: positional arguments, switches and valued options, as
+// the command's table of options declares them.
 class Args {
 public:
-    // switches: options without a value ("--json"); options: options that take a value ("--format").
-    // Fails on an unknown option, a missing value or a wrong count of positional arguments.
-    Args(const QStringList& args, const QStringList& switches, const QStringList& options);
+    // Fails on an unknown option, a value given to a switch, a missing value, a required option
+    // left out or a wrong count of positional arguments.
+    Args(const QStringList& args, const Command& command);
 
     bool ok() const { return m_error.isEmpty(); }
     const QString& error() const { return m_error; }
@@ -44,8 +71,6 @@ public:
         return m_options.value(name, fallback);
     }
     const QStringList& positional() const { return m_positional; }
-    // Checks the count of positional arguments; a false result has set error().
-    bool expect(int min, int max = -1);
 
 private:
     QStringList m_positional;
@@ -55,14 +80,16 @@ private:
     bool m_help = false;
 };
 
-// Parses args for the command named name; prints its help (and returns Ok through *exit) or
-// a usage error (Usage). Returns true when the command should go on.
-bool parseOrExit(const QString& name, Args& args, int minPositional, int maxPositional, int* exit);
-
 // Checks that path names a file that can be read; otherwise prints why ("<path>: no such file",
 // "is a folder", "cannot open for reading") and returns false. A file inside a device backup,
 // DIR::DOMAIN/PATH, is replaced by the file that stores it (see BackupInput.h).
 bool checkInputFile(QString& path);
+
+// Whether path stands for standard input or output: empty or "-".
+bool isStdio(const QString& path);
+// Refuses (printing why) to write output over the input or, without force, over any existing
+// file; standard output is always fine.
+bool checkOutputFile(const QString& input, const QString& output, bool force);
 
 // One line "utils-inspect: <message>" on stderr; returns code.
 int fail(const QString& message, int code = Failed);
@@ -73,6 +100,10 @@ void out(const QString& line);
 // Progress on stderr, only when stderr is a terminal. An empty text clears the line.
 void progress(const QString& text);
 bool stderrIsTerminal();
+
+// ISO-8601 text of an instant, with the fraction of a second when there is one, without the
+// zeros at its end: "2020-09-13T12:26:40.5Z" in UTC, "2020-09-13T08:26:40.5-04:00" in local time.
+QString isoDateTime(qint64 unixSeconds, int nanos, Qt::TimeSpec spec = Qt::UTC);
 
 // JSON rendering used by --json: text as strings, numbers as numbers, blobs as base64,
 // invalid values as null.

@@ -6,6 +6,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 
 namespace inspect {
 
@@ -83,11 +84,274 @@ void appendBlob(QByteArray& out, const QByteArray& bytes, bool json) {
     if (bytes.size() > 64) out += "...(" + QByteArray::number(bytes.size()) + " bytes)";
 }
 
+void appendReal(QByteArray& out, double d, RecordWriter::Format format) {
+    if (std::isnan(d)) {
+        out += format == RecordWriter::Json ? "null" : "NaN";
+        return;
+    }
+    if (std::isinf(d)) {
+        if (d < 0) out += '-';
+        out += format == RecordWriter::Json ? "9.0e999" : "Inf";
+        return;
+    }
+    char digits[32];
+    const auto result = std::to_chars(digits, digits + sizeof digits, d);
+    const int n = int(result.ptr - digits);
+    out.append(digits, n);
+    if (!std::memchr(digits, '.', size_t(n)) && !std::memchr(digits, 'e', size_t(n))) out += ".0";
+}
+
+bool isAscii(const uchar* p, qint64 n) {
+    for (qint64 k = 0; k < n; ++k)
+        if (p[k] >= 0x80) return false;
+    return true;
+}
+
+// The value's text as UTF-8 with the escapes of the format (none in CSV, where a quote doubles).
+void appendTextValue(QByteArray& out, const SQliteValue& v, RecordWriter::Format format) {
+    const bool bytes = v.encoding != 2 && v.encoding != 3 && isAscii(v.data, v.size);
+    out += '"';
+    if (format == RecordWriter::Csv) {
+        const QByteArray text =
+            bytes ? QByteArray::fromRawData(reinterpret_cast<const char*>(v.data), int(v.size))
+                  : v.text().toUtf8();
+        const char* p = text.constData();
+        const char* const end = p + text.size();
+        while (p < end) { // every quote doubled
+            const char* quote = static_cast<const char*>(std::memchr(p, '"', size_t(end - p)));
+            const char* stop = quote ? quote + 1 : end;
+            out.append(p, int(stop - p));
+            if (quote) out += '"';
+            p = stop;
+        }
+    } else if (bytes) {
+        appendEscaped(out, v.data, int(v.size), format == RecordWriter::Json);
+    } else {
+        appendUtf8(out, v.text(), format == RecordWriter::Json);
+    }
+    out += '"';
+}
+
 } // namespace
 
-RecordWriter::RecordWriter(Format format) : m_format(format) {
+void RecordWriter::appendValue(QByteArray& out, const SQliteValue& value, Format format) {
+    switch (value.type) {
+    case SQliteValue::Null:
+        if (format != Csv) out += format == Json ? "null" : "NULL";
+        break;
+    case SQliteValue::Integer:
+        appendNumber(out, value.integer);
+        break;
+    case SQliteValue::Real:
+        appendReal(out, value.real, format);
+        break;
+    case SQliteValue::Text:
+        appendTextValue(out, value, format);
+        break;
+    case SQliteValue::Blob: {
+        const QByteArray bytes =
+            QByteArray::fromRawData(reinterpret_cast<const char*>(value.data), int(value.size));
+        if (format == Csv)
+            out += "x'" + bytes.toHex() + "'";
+        else
+            appendBlob(out, bytes, format == Json);
+        break;
+    }
+    }
+}
+
+// What each format makes of the writer's calls; the writer counts the records and buffers.
+class RecordWriter::Sink {
+public:
+    virtual ~Sink() = default;
+    virtual void begin(QByteArray&) {}
+    virtual void end(QByteArray&, qint64 /*count*/) {}
+    virtual void line(QByteArray&, const QString&) {}
+    virtual void row(QByteArray&, const QList<QVariant>&) {}
+    // index counts the records written before this one.
+    virtual void values(QByteArray& out, qint64 index, const QString& prefix, const QList<QVariant>& values,
+                        const char* nullText) = 0;
+    virtual void view(QByteArray& out, qint64 index, const SQliteScanner::RecordView& view) = 0;
+    virtual void stored(QByteArray& out, qint64 index, const SQliteTableReader::Row& row) = 0;
+    virtual void object(QByteArray& out, qint64 index, std::initializer_list<Field> fields,
+                        const QList<QVariant>& values) = 0;
+};
+
+namespace {
+
+QList<QVariant> fieldValues(std::initializer_list<RecordWriter::Field> fields,
+                            const QList<QVariant>& values) {
+    QList<QVariant> all;
+    for (const RecordWriter::Field& f : fields)
+        all.append(f.second);
+    return all + values;
+}
+
+// Text and blobs of a record read in place straight from its bytes: true when written. Other
+// values, and text that is not plain ASCII in a byte encoding, go through the decoded value.
+// A row as the engine reads it: the rowid when it has one, then the values, separated.
+void appendRow(QByteArray& out, const SQliteTableReader::Row& row, RecordWriter::Format format,
+               const char* separator) {
+    if (row.hasRowid()) appendNumber(out, row.rowid());
+    for (int i = 0; i < row.size(); ++i) {
+        if (i || row.hasRowid()) out += separator;
+        RecordWriter::appendValue(out, row.value(i), format);
+    }
+}
+
+bool appendViewBytes(QByteArray& out, const SQliteScanner::RecordView& view, int i, bool json) {
+    const int type = view.serialType(i);
+    if (type < 12) return false;
+    qint64 n = 0;
+    const uchar* p = view.bytes(i, &n);
+    const char* c = reinterpret_cast<const char*>(p);
+    if (type % 2 == 0) {
+        appendBlob(out, QByteArray::fromRawData(c, int(n)), json);
+        return true;
+    }
+    if (view.textEncoding() == 2 || view.textEncoding() == 3) return false;
+    for (qint64 k = 0; k < n; ++k)
+        if (p[k] >= 0x80) return false;
+    out += '"';
+    appendEscaped(out, p, int(n), json);
+    out += '"';
+    return true;
+}
+
+// A record read in place: its rowid, then each of its values after the separator.
+void appendView(QByteArray& out, const SQliteScanner::RecordView& view, const char* separator, bool json) {
+    appendNumber(out, view.rowid());
+    for (int i = 0; i < view.size(); ++i) {
+        out += separator;
+        if (appendViewBytes(out, view, i, json)) continue;
+        json ? RecordWriter::appendJson(out, view.value(i)) : RecordWriter::appendText(out, view.value(i));
+    }
+}
+
+class TextSink : public RecordWriter::Sink {
+public:
+    void line(QByteArray& out, const QString& text) override {
+        appendUtf8(out, text, false);
+        out += '\n';
+    }
+    void values(QByteArray& out, qint64, const QString& prefix, const QList<QVariant>& values,
+                const char* nullText) override {
+        appendUtf8(out, prefix, false);
+        for (int i = 0; i < values.size(); ++i) {
+            if (i) out += " | ";
+            RecordWriter::appendText(out, values.at(i), nullText);
+        }
+        out += '\n';
+    }
+    void view(QByteArray& out, qint64, const SQliteScanner::RecordView& view) override {
+        appendView(out, view, " | ", false);
+        out += '\n';
+    }
+    void stored(QByteArray& out, qint64, const SQliteTableReader::Row& row) override {
+        appendRow(out, row, RecordWriter::Text, " | ");
+        out += '\n';
+    }
+    void object(QByteArray& out, qint64 index, std::initializer_list<RecordWriter::Field> fields,
+                const QList<QVariant>& values) override {
+        this->values(out, index, QString(), fieldValues(fields, values), "?");
+    }
+};
+
+class JsonSink : public RecordWriter::Sink {
+public:
+    void begin(QByteArray& out) override { out += '['; }
+    void end(QByteArray& out, qint64 count) override { out += count ? "\n]\n" : "]\n"; }
+    void values(QByteArray& out, qint64 index, const QString&, const QList<QVariant>& values,
+                const char*) override {
+        out += index ? ",\n[" : "\n[";
+        appendArray(out, values);
+        out += ']';
+    }
+    void view(QByteArray& out, qint64 index, const SQliteScanner::RecordView& view) override {
+        out += index ? ",\n[" : "\n[";
+        appendView(out, view, ",", true);
+        out += ']';
+    }
+    void stored(QByteArray& out, qint64 index, const SQliteTableReader::Row& row) override {
+        out += index ? ",\n[" : "\n[";
+        appendRow(out, row, RecordWriter::Json, ",");
+        out += ']';
+    }
+    void object(QByteArray& out, qint64 index, std::initializer_list<RecordWriter::Field> fields,
+                const QList<QVariant>& values) override {
+        out += index ? ",\n{" : "\n{";
+        bool first = true;
+        for (const RecordWriter::Field& f : fields) {
+            if (!first) out += ',';
+            first = false;
+            RecordWriter::appendJsonString(out, QString::fromUtf8(f.first));
+            out += ':';
+            RecordWriter::appendJson(out, f.second);
+        }
+        if (!values.isEmpty()) {
+            out += ",\"values\":[";
+            appendArray(out, values);
+            out += ']';
+        }
+        out += '}';
+    }
+
+private:
+    static void appendArray(QByteArray& out, const QList<QVariant>& values) {
+        for (int i = 0; i < values.size(); ++i) {
+            if (i) out += ',';
+            RecordWriter::appendJson(out, values.at(i));
+        }
+    }
+};
+
+class CsvSink : public RecordWriter::Sink {
+public:
+    void row(QByteArray& out, const QList<QVariant>& cells) override {
+        for (int i = 0; i < cells.size(); ++i) {
+            if (i) out += ',';
+            RecordWriter::appendCsv(out, cells.at(i));
+        }
+        out += "\r\n";
+    }
+    void values(QByteArray& out, qint64, const QString&, const QList<QVariant>& values,
+                const char*) override {
+        row(out, values);
+    }
+    void view(QByteArray& out, qint64, const SQliteScanner::RecordView& view) override {
+        appendNumber(out, view.rowid());
+        for (int i = 0; i < view.size(); ++i) {
+            out += ',';
+            RecordWriter::appendCsv(out, view.value(i));
+        }
+        out += "\r\n";
+    }
+    void stored(QByteArray& out, qint64, const SQliteTableReader::Row& row) override {
+        appendRow(out, row, RecordWriter::Csv, ",");
+        out += "\r\n";
+    }
+    void object(QByteArray& out, qint64, std::initializer_list<RecordWriter::Field> fields,
+                const QList<QVariant>& values) override {
+        row(out, fieldValues(fields, values));
+    }
+};
+
+std::unique_ptr<RecordWriter::Sink> sinkFor(RecordWriter::Format format) {
+    switch (format) {
+    case RecordWriter::Json:
+        return std::make_unique<JsonSink>();
+    case RecordWriter::Csv:
+        return std::make_unique<CsvSink>();
+    default:
+        return std::make_unique<TextSink>();
+    }
+}
+
+} // namespace
+
+RecordWriter::RecordWriter(Format format) : m_format(format), m_sink(sinkFor(format)) {
     m_buffer.reserve(kFlushAt + 65536);
-    if (json()) m_buffer += '[';
+    m_sink->begin(m_buffer);
 }
 
 RecordWriter::~RecordWriter() {
@@ -97,150 +361,82 @@ RecordWriter::~RecordWriter() {
 void RecordWriter::finish() {
     if (m_finished) return;
     m_finished = true;
-    if (json()) m_buffer += m_count ? "\n]\n" : "]\n";
+    m_sink->end(m_buffer, m_count);
     fwrite(m_buffer.constData(), 1, size_t(m_buffer.size()), stdout);
     fflush(stdout);
     m_buffer.clear();
 }
 
-void RecordWriter::flushIfFull() {
+// After each record or line: writes the buffer out once it is full.
+void RecordWriter::written() {
     if (m_buffer.size() < kFlushAt) return;
     fwrite(m_buffer.constData(), 1, size_t(m_buffer.size()), stdout);
     m_buffer.resize(0);
 }
 
 void RecordWriter::line(const QString& text) {
-    if (m_format != Text) return;
-    appendUtf8(m_buffer, text, false);
-    m_buffer += '\n';
-    flushIfFull();
-}
-
-void RecordWriter::beginItem() {
-    if (json()) m_buffer += m_count ? ",\n" : "\n";
-    ++m_count;
-}
-
-void RecordWriter::appendValues(const QList<QVariant>& values, const char* nullText) {
-    for (int i = 0; i < values.size(); ++i) {
-        if (i) m_buffer += json() ? "," : " | ";
-        json() ? appendJson(m_buffer, values.at(i)) : appendText(m_buffer, values.at(i), nullText);
-    }
+    m_sink->line(m_buffer, text);
+    written();
 }
 
 void RecordWriter::record(const QList<QVariant>& values) {
-    beginItem();
-    if (json()) m_buffer += '[';
-    appendValues(values);
-    m_buffer += json() ? "]" : "\n";
-    flushIfFull();
-}
-
-// Text and blobs straight from the record's bytes; everything else, and text that is not
-// plain ASCII in a byte encoding, through the value the reader decodes.
-void RecordWriter::appendViewValue(const SQliteScanner::RecordView& view, int i) {
-    const int type = view.serialType(i);
-    qint64 n = 0;
-    if (type >= 12) {
-        const uchar* p = view.bytes(i, &n);
-        const char* c = reinterpret_cast<const char*>(p);
-        if (type % 2 == 0) {
-            appendBlob(m_buffer, QByteArray::fromRawData(c, int(n)), json());
-            return;
-        }
-        bool ascii = view.textEncoding() != 2 && view.textEncoding() != 3;
-        for (qint64 k = 0; ascii && k < n; ++k)
-            ascii = p[k] < 0x80;
-        if (ascii) {
-            m_buffer += '"';
-            appendEscaped(m_buffer, p, int(n), json());
-            m_buffer += '"';
-            return;
-        }
-    }
-    json() ? appendJson(m_buffer, view.value(i)) : appendText(m_buffer, view.value(i));
+    m_sink->values(m_buffer, m_count++, QString(), values, "?");
+    written();
 }
 
 void RecordWriter::record(const SQliteScanner::RecordView& view) {
-    beginItem();
-    if (json()) m_buffer += '[';
-    appendNumber(m_buffer, view.rowid());
-    for (int i = 0; i < view.size(); ++i) {
-        m_buffer += json() ? "," : " | ";
-        appendViewValue(view, i);
-    }
-    m_buffer += json() ? "]" : "\n";
-    flushIfFull();
+    m_sink->view(m_buffer, m_count++, view);
+    written();
+}
+
+void RecordWriter::record(const SQliteTableReader::Row& row) {
+    m_sink->stored(m_buffer, m_count++, row);
+    written();
 }
 
 void RecordWriter::object(std::initializer_list<Field> fields, const QList<QVariant>& values) {
-    if (!json()) {
-        QList<QVariant> all;
-        for (const Field& f : fields)
-            all.append(f.second);
-        m_format == Csv ? csvRow(all + values) : record(all + values);
-        return;
-    }
-    beginItem();
-    m_buffer += '{';
-    bool first = true;
-    for (const Field& f : fields) {
-        if (!first) m_buffer += ',';
-        first = false;
-        m_buffer += '"';
-        m_buffer += f.first;
-        m_buffer += "\":";
-        appendJson(m_buffer, f.second);
-    }
-    if (!values.isEmpty()) {
-        m_buffer += ",\"values\":[";
-        appendValues(values);
-        m_buffer += ']';
-    }
-    m_buffer += '}';
-    flushIfFull();
+    m_sink->object(m_buffer, m_count++, fields, values);
+    written();
 }
 
 void RecordWriter::textRecord(const QString& prefix, const QList<QVariant>& values, const char* nullText) {
-    ++m_count;
-    appendUtf8(m_buffer, prefix, false);
-    appendValues(values, nullText);
-    m_buffer += '\n';
-    flushIfFull();
+    m_sink->values(m_buffer, m_count++, prefix, values, nullText);
+    written();
 }
 
 void RecordWriter::csvRow(const QList<QVariant>& cells) {
+    if (m_format != Csv) return;
+    m_sink->row(m_buffer, cells);
     ++m_count;
-    for (int i = 0; i < cells.size(); ++i) {
-        if (i) m_buffer += ',';
-        const QVariant& v = cells.at(i);
-        switch (int(v.type())) {
-        case QMetaType::UnknownType:
-            break;
-        case QMetaType::QByteArray:
-            m_buffer += "x'" + v.toByteArray().toHex() + "'";
-            break;
-        case QMetaType::QString:
-        case QMetaType::QStringList: {
-            const QString text = v.type() == QVariant::StringList ? v.toStringList().join(' ') : v.toString();
-            static const QRegularExpression special("[,\"\r\n]"); // compiled once, not per cell
-            if (!text.contains(special)) {
-                m_buffer += text.toUtf8();
-                break;
-            }
-            m_buffer += '"' + QString(text).replace('"', "\"\"").toUtf8() + '"';
-            break;
-        }
-        case QMetaType::Double:
-            m_buffer += QByteArray::number(v.toDouble(), 'g', 17);
-            break;
-        default:
-            m_buffer += v.toString().toUtf8();
+    written();
+}
+
+void RecordWriter::appendCsv(QByteArray& out, const QVariant& value) {
+    switch (int(value.type())) {
+    case QMetaType::UnknownType:
+        break;
+    case QMetaType::QByteArray:
+        out += "x'" + value.toByteArray().toHex() + "'";
+        break;
+    case QMetaType::QString:
+    case QMetaType::QStringList: {
+        const QString text =
+            value.type() == QVariant::StringList ? value.toStringList().join(' ') : value.toString();
+        static const QRegularExpression special("[,\"\r\n]");
+        if (!text.contains(special)) {
+            out += text.toUtf8();
             break;
         }
+        out += '"' + QString(text).replace('"', "\"\"").toUtf8() + '"';
+        break;
     }
-    m_buffer += "\r\n";
-    flushIfFull();
+    case QMetaType::Double:
+        appendReal(out, value.toDouble(), Csv);
+        break;
+    default:
+        out += value.toString().toUtf8();
+        break;
+    }
 }
 
 void RecordWriter::appendText(QByteArray& out, const QVariant& value, const char* nullText) {
@@ -261,7 +457,7 @@ void RecordWriter::appendText(QByteArray& out, const QVariant& value, const char
         out += '"';
         break;
     case QMetaType::Double:
-        out += QByteArray::number(value.toDouble(), 'g', 17);
+        appendReal(out, value.toDouble(), Text);
         break;
     default:
         out += value.toString().toUtf8();
@@ -289,12 +485,9 @@ void RecordWriter::appendJson(QByteArray& out, const QVariant& value) {
         out += value.toBool() ? "true" : "false";
         break;
     case QMetaType::Double:
-    case QMetaType::Float: {
-        const double d = value.toDouble();
-        out += std::isfinite(d) ? QByteArray::number(d, 'g', QLocale::FloatingPointShortest)
-                                : QByteArray("null");
+    case QMetaType::Float:
+        appendReal(out, value.toDouble(), Json);
         break;
-    }
     case QMetaType::QString:
         appendJsonString(out, value.toString());
         break;

@@ -364,10 +364,7 @@ int extract(const DeviceBackup& backup, const Filter& filter, const QString& out
     return skipped ? fail(QString("%1 entries not extracted (see above)").arg(skipped)) : Ok;
 }
 
-int runBackup(const QStringList& argv) {
-    Args args(argv, {"--list", "--json", "--csv", "--force"}, {"--domain", "--path", "--extract"});
-    int code = Ok;
-    if (!parseOrExit("backup", args, 1, 1, &code)) return code;
+int runBackup(const Args& args) {
     const bool listing = args.has("--list"), extracting = args.has("--extract");
     if (listing && extracting) return fail("backup: choose --list or --extract", Usage);
     if (args.has("--json") && args.has("--csv")) return fail("backup: choose --json or --csv", Usage);
@@ -397,25 +394,27 @@ int runBackup(const QStringList& argv) {
 
 const Registration backupCommand(
     {"backup",
-     "backup DIR [--json] | --list [--domain D] [--path GLOB] [--json | --csv] | --extract OUT [--domain D] "
-     "[--path GLOB] [--force]",
+     "DIR",
      "Reads a device backup folder (Info.plist, Manifest.plist, Status.plist, and the index Manifest.db or\n"
      "Manifest.mbdb) without writing to it, and prints the device, its system version, the backup date,\n"
      "whether it is encrypted, and the count of entries per domain.\n"
-     "  --list         one line per entry: fileID, kind, mode (octal), size, mtime (UTC), present or\n"
-     "                 missing, domain, path [-> link target] [refused: why its path is unsafe]\n"
-     "  --json         the summary, or with --list one JSON array of {domain, path, fileID, kind, size,\n"
-     "                 mode, mtime, present, linkTarget, problem}\n"
-     "  --csv          the list as CSV rows with the same fields\n"
-     "  --domain D     only the entries of domain D\n"
-     "  --path GLOB    only the entries whose path matches GLOB (* and ? match \"/\" too)\n"
-     "  --extract OUT  copy the stored files to OUT/DOMAIN/PATH with their modification times, list each\n"
-     "                 file's SHA-256 in OUT/SHA256SUMS and the links in OUT/LINKS (links are not made).\n"
-     "                 Entries whose domain or path is absolute, holds \"..\", a NUL or a control\n"
-     "                 character, or passes through a link are refused and reported. OUT must be empty\n"
-     "                 and outside the backup.\n"
-     "  --force        extract into a folder that is not empty, over the files there\n"
      "A file inside a backup can be given to any reading command as DIR::DOMAIN/PATH.",
+     {{"--list", nullptr,
+       "one line per entry: fileID, kind, mode (octal), size, mtime (UTC), present or\n"
+       "missing, domain, path [-> link target] [refused: why its path is unsafe]"},
+      {"--json", nullptr,
+       "the summary, or with --list one JSON array of {domain, path, fileID, kind, size,\n"
+       "mode, mtime, present, linkTarget, problem}"},
+      {"--csv", nullptr, "the list as CSV rows with the same fields"},
+      {"--domain", "D", "only the entries of domain D"},
+      {"--path", "GLOB", "only the entries whose path matches GLOB (* and ? match \"/\" too)"},
+      {"--extract", "OUT",
+       "copy the stored files to OUT/DOMAIN/PATH with their modification times, list each\n"
+       "file's SHA-256 in OUT/SHA256SUMS and the links in OUT/LINKS (links are not made).\n"
+       "Entries whose domain or path is absolute, holds \"..\", a NUL or a control\n"
+       "character, or passes through a link are refused and reported. OUT must be empty\n"
+       "and outside the backup."},
+      {"--force", nullptr, "extract into a folder that is not empty, over the files there"}},
      runBackup});
 
 } // namespace

@@ -81,10 +81,7 @@ bool savePng(const QImage& image, const QString& path) {
     return false;
 }
 
-int runContactSheet(const QStringList& argv) {
-    Args args(argv, {"--force"}, {"--columns"});
-    int code = Ok;
-    if (!parseOrExit("contact-sheet", args, 1, 1, &code)) return code;
+int runContactSheet(const Args& args) {
     bool ok = true;
     int columns = args.value("--columns", "6").toInt(&ok);
     if (!ok || columns < 1 || columns > 64)
@@ -146,10 +143,7 @@ int runContactSheet(const QStringList& argv) {
     return Ok;
 }
 
-int runPlaceholder(const QStringList& argv) {
-    Args args(argv, {"--force", "--json"}, {"--out"});
-    int code = Ok;
-    if (!parseOrExit("placeholder", args, 1, -1, &code)) return code;
+int runPlaceholder(const Args& args) {
     const QString outPath = args.value("--out");
     if (args.has("--out") && args.positional().size() != 1)
         return fail("placeholder: --out goes with a single ID", Usage);
@@ -184,20 +178,24 @@ int runPlaceholder(const QStringList& argv) {
     return Ok;
 }
 
-Registration contactSheetReg({"contact-sheet", "contact-sheet OUT.png [--columns N] [--force]",
+Registration contactSheetReg({"contact-sheet",
+                              "OUT.png",
                               "Draws every placeholder picture of the chat views (the resources under\n"
                               ":/images/) into one PNG, each with its file name and the placeholder keys\n"
-                              "that use it.\n"
-                              "  --columns N  pictures per row, 1 to 64 (default 6)\n"
-                              "  --force      overwrite OUT.png if it exists",
-                              runContactSheet, true});
-Registration placeholderReg({"placeholder", "placeholder ID... [--out FILE.png [--force]] [--json]",
+                              "that use it.",
+                              {{"--columns", "N", "pictures per row, 1 to 64 (default 6)"},
+                               {"--force", nullptr, "overwrite OUT.png if it exists"}},
+                              runContactSheet,
+                              true});
+Registration placeholderReg({"placeholder",
+                             "ID...",
                              "Shows which placeholder picture the chat views show for each picture\n"
                              "identifier (kind/rest, e.g. image/x.jpg, document/report.pdf, transfer/ok)\n"
-                             "when the application has registered no picture for it.\n"
-                             "  --out FILE.png  also write the picture (a single ID only)\n"
-                             "  --force         overwrite FILE.png if it exists\n"
-                             "  --json          [{id, resource, width, height}]",
-                             runPlaceholder, true});
+                             "when the application has registered no picture for it.",
+                             {{"--out", "FILE.png", "also write the picture (a single ID only)"},
+                              {"--force", nullptr, "overwrite FILE.png if it exists"},
+                              {"--json", nullptr, "[{id, resource, width, height}]"}},
+                             runPlaceholder,
+                             true});
 
 } // namespace

@@ -14,13 +14,16 @@
 using namespace inspect;
 
 static void printUsage() {
-    out("usage: utils-inspect COMMAND [ARGS...] [--json]");
+    out("usage: utils-inspect COMMAND [ARGS...] [OPTIONS]");
     out("");
     out("Reads evidence files without writing to them. Commands:");
     QList<Command> list = commands();
     std::sort(list.begin(), list.end(), [](const Command& a, const Command& b) { return a.name < b.name; });
+    int width = 0;
     for (const Command& c : list)
-        out("  " + c.synopsis);
+        width = std::max(width, int(c.name.size()));
+    for (const Command& c : list)
+        out(QString("  %1  %2").arg(c.name, -width).arg(c.arguments));
     out("");
     out("utils-inspect COMMAND --help describes one command.");
 }
@@ -31,10 +34,8 @@ int main(int argc, char** argv) {
     QStringList args;
     for (int i = 1; i < argc; ++i)
         args << QString::fromLocal8Bit(argv[i]);
-    bool gui = false;
-    for (const Command& c : commands())
-        if (!args.isEmpty() && c.name == args.first()) gui = c.needsGui;
-    if (gui) {
+    const Command* command = args.isEmpty() ? nullptr : findCommand(args.first());
+    if (command && command->needsGui) {
         // Drawing needs a GUI application; the offscreen platform needs no display.
         if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
         if (qEnvironmentVariableIsEmpty("XDG_RUNTIME_DIR")) {
@@ -60,8 +61,7 @@ static int dispatch(QStringList args) {
         }
     }
     const QString name = args.takeFirst();
-    for (const Command& c : commands())
-        if (c.name == name) return c.run(args);
+    if (const Command* command = findCommand(name)) return runCommand(*command, args);
     fail(QString("unknown command '%1' (see utils-inspect --help)").arg(name), Usage);
     return Usage;
 }
