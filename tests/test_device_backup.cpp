@@ -260,6 +260,14 @@ TEST_F(Backups, ExtractionStaysInsideOut) {
     EXPECT_EQ(runTool({"backup", backup("db"), "--extract", dir->filePath("cases"), "--force"}).code, 2);
     EXPECT_EQ(runTool({"backup", backup("encrypted"), "--extract", dir->filePath("enc")}).code, 1);
     EXPECT_FALSE(QFileInfo::exists(dir->filePath("enc")));
+
+    // Nor does a command that writes a file, even with --force, given an input inside the backup.
+    const QString stored = backup("db") + "/3d/3d0d7e5fb2ce288813306e4d4636395e047a3d28";
+    const QByteArray sms = readFile(stored);
+    for (const QString& to : {stored, backup("db") + "/3d/sms.gz"})
+        EXPECT_EQ(runTool({"gzip", backup("db") + "::HomeDomain/" + kSms, to, "--force"}).code, 1);
+    EXPECT_EQ(readFile(stored), sms);
+    EXPECT_FALSE(QFileInfo::exists(backup("db") + "/3d/sms.gz"));
 }
 
 } // namespace

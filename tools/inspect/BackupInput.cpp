@@ -18,13 +18,24 @@ QHash<QString, QPair<QString, QString>>& companions() {
     return resolved;
 }
 
-} // namespace
-
-bool resolveBackupInput(QString& path) {
+// Where the "::" after the backup folder stands in path; -1 when path names no file in a backup.
+int backupSeparator(const QString& path) {
     int separator = path.indexOf("::");
     while (separator > 0 && !QFileInfo(path.left(separator)).isDir())
         separator = path.indexOf("::", separator + 1);
-    if (separator <= 0) return true;
+    return separator > 0 ? separator : -1;
+}
+
+} // namespace
+
+QString backupFolder(const QString& path) {
+    const int separator = backupSeparator(path);
+    return separator < 0 ? QString() : path.left(separator);
+}
+
+bool resolveBackupInput(QString& path) {
+    const int separator = backupSeparator(path);
+    if (separator < 0) return true;
     const QString folder = path.left(separator), name = path.mid(separator + 2);
     const int slash = name.indexOf('/');
     const QString domain = name.left(slash), inside = slash < 0 ? QString() : name.mid(slash + 1);

@@ -14,6 +14,9 @@ namespace inspect {
 // Any other path is left as it is (true).
 bool resolveBackupInput(QString& path);
 
+// The backup folder DIR of a path DIR::DOMAIN/PATH whose DIR is a folder; empty for any other path.
+QString backupFolder(const QString& path);
+
 // The write-ahead log (suffix "-wal") or rollback journal ("-journal") of an input file: the file
 // beside it, or for a file resolved from a backup the stored file of the entry DOMAIN/PATH-wal
 // (or -journal), empty when the index has none that can be read.

@@ -87,8 +87,8 @@ bool checkInputFile(QString& path);
 
 // Whether path stands for standard input or output: empty or "-".
 bool isStdio(const QString& path);
-// Refuses (printing why) to write output over the input or, without force, over any existing
-// file; standard output is always fine.
+// Refuses (printing why) to write output over the input, into the backup folder of an input
+// DIR::DOMAIN/PATH or, without force, over any existing file; standard output is always fine.
 bool checkOutputFile(const QString& input, const QString& output, bool force);
 
 // One line "utils-inspect: <message>" on stderr; returns code.
