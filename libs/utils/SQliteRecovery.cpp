@@ -144,21 +144,149 @@ quint64 valuesKey(const QList<QVariant>& values, int alias, const qint64* rowid)
     return h;
 }
 
-// A set of keys filled once, then asked: a sorted array, 8 bytes a key.
-class KeySet {
+// The live rows of a table, by the hashes of their values (32 bits each), looked up by rowid
+// (rows come in rowid order), by all their values, or by either half of them: a row that
+// differs from a live one in one value at most equals it in one half.
+class LiveRows {
 public:
-    void clear() { m_keys.clear(); }
-    void insert(quint64 key) { m_keys.push_back(key); }
-    void freeze() {
-        std::sort(m_keys.begin(), m_keys.end());
-        m_keys.erase(std::unique(m_keys.begin(), m_keys.end()), m_keys.end());
-        m_keys.shrink_to_fit();
+    void reset(int columns, int alias) {
+        *this = LiveRows();
+        m_columns = columns;
+        m_alias = alias;
+        for (int i = 0; i < columns; ++i)
+            if (i != alias) m_informative.push_back(i);
+        const size_t half = m_informative.size() / 2;
+        m_a.assign(m_informative.begin(), m_informative.begin() + qint64(half));
+        m_b.assign(m_informative.begin() + qint64(half), m_informative.end());
     }
-    bool contains(quint64 key) const { return std::binary_search(m_keys.begin(), m_keys.end(), key); }
+    void add(qint64 rowid, const std::vector<quint64>& hashes) {
+        const quint32 row = quint32(m_rowids.size());
+        m_rowids.push_back(rowid);
+        m_sorted = m_sorted && (m_rowids.size() < 2 || m_rowids[row - 1] < rowid);
+        for (int i = 0; i < m_columns; ++i)
+            m_hashes.push_back(fold(hashes[size_t(i)]));
+        m_all.insert(key(hashes, m_informative), row);
+        if (m_a.size() && m_b.size()) {
+            m_byA.insert(key(hashes, m_a), row);
+            m_byB.insert(key(hashes, m_b), row);
+        }
+    }
+    int size() const { return int(m_rowids.size()); }
+    bool hasRowid(qint64 rowid) const { return rowRange(rowid).first < rowRange(rowid).second; }
+
+    // How a record stands to the live rows: Same (a live row, the rowid too when it is known),
+    // Near (a live row but for one value, with the same rowid when it is known) or None. Only
+    // the values known marks are compared.
+    enum Match { None, Near, Same };
+    Match match(const std::vector<quint64>& hashes, const std::vector<bool>& known,
+                const qint64* rowid) const {
+        Match best = None;
+        auto consider = [&](quint32 row) {
+            int differ = 0;
+            for (int i : m_informative)
+                if (known[size_t(i)] &&
+                    fold(hashes[size_t(i)]) != m_hashes[size_t(row) * size_t(m_columns) + size_t(i)])
+                    ++differ;
+            if (differ == 0)
+                best = Same;
+            else if (differ == 1 && best == None)
+                best = Near;
+        };
+        if (rowid) {
+            const auto range = rowRange(*rowid);
+            for (size_t row = range.first; row < range.second && best != Same; ++row)
+                consider(quint32(row));
+            return best;
+        }
+        const bool whole =
+            std::all_of(m_informative.begin(), m_informative.end(), [&](int i) { return known[size_t(i)]; });
+        if (whole) m_all.lookup(key(hashes, m_informative), consider);
+        for (const auto* half : {&m_a, &m_b}) {
+            if (best == Same || half->empty() || (whole && m_b.empty())) continue;
+            if (std::all_of(half->begin(), half->end(), [&](int i) { return known[size_t(i)]; }))
+                (half == &m_a ? m_byA : m_byB).lookup(key(hashes, *half), consider);
+        }
+        return best;
+    }
 
 private:
-    std::vector<quint64> m_keys;
+    // Rows by a 32-bit key: open addressing, a key of 0 marking an empty slot.
+    struct RowMap {
+        struct Entry {
+            quint32 key = 0, row = 0;
+        };
+        std::vector<Entry> entries;
+        size_t count = 0;
+        static size_t slot(quint32 k, size_t mask) { return (size_t(k) * 0x9E3779B1u) & mask; }
+        void insert(quint32 k, quint32 row) {
+            if (2 * (count + 1) > entries.size()) {
+                std::vector<Entry> bigger(std::max<size_t>(1024, entries.size() * 2));
+                for (const Entry& e : entries)
+                    if (e.key) place(bigger, e);
+                entries.swap(bigger);
+            }
+            place(entries, {k, row});
+            ++count;
+        }
+        static void place(std::vector<Entry>& table, Entry e) {
+            const size_t mask = table.size() - 1;
+            size_t i = slot(e.key, mask);
+            while (table[i].key)
+                i = (i + 1) & mask;
+            table[i] = e;
+        }
+        // Visits the rows of key k, the first 64 of them: a key that many rows share (a value
+        // most rows hold) is looked at no further.
+        template <typename F> void lookup(quint32 k, F visit) const {
+            if (entries.empty()) return;
+            const size_t mask = entries.size() - 1;
+            int visited = 0;
+            for (size_t i = slot(k, mask); entries[i].key && visited < 64; i = (i + 1) & mask)
+                if (entries[i].key == k) visit(entries[i].row), ++visited;
+        }
+    };
+    static quint32 fold(quint64 h) { return quint32(h >> 32) ^ quint32(h); }
+    static quint32 key(const std::vector<quint64>& hashes, const std::vector<int>& columns) {
+        quint64 h = 5;
+        for (int i : columns)
+            h = mix(h, hashes[size_t(i)]);
+        return fold(h) | 1;
+    }
+    std::pair<size_t, size_t> rowRange(qint64 rowid) const {
+        if (m_sorted) {
+            const auto range = std::equal_range(m_rowids.begin(), m_rowids.end(), rowid);
+            return {size_t(range.first - m_rowids.begin()), size_t(range.second - m_rowids.begin())};
+        }
+        for (size_t i = 0; i < m_rowids.size(); ++i)
+            if (m_rowids[i] == rowid) return {i, i + 1};
+        return {0, 0};
+    }
+    int m_columns = 0, m_alias = -1;
+    std::vector<int> m_informative, m_a, m_b;
+    std::vector<qint64> m_rowids;
+    bool m_sorted = true;
+    std::vector<quint32> m_hashes;
+    RowMap m_all, m_byA, m_byB;
 };
+
+// A value's hash: equal values as stored give equal hashes.
+quint64 valueHash(const SQliteValue& v) {
+    switch (v.type) {
+    case SQliteValue::Integer:
+        return mix(11, quint64(v.integer));
+    case SQliteValue::Real: {
+        quint64 bits;
+        std::memcpy(&bits, &v.real, sizeof bits);
+        return mix(12, bits);
+    }
+    case SQliteValue::Text:
+    case SQliteValue::Blob:
+        return mix(v.type == SQliteValue::Text ? 13 : 14,
+                   qHashBits(v.data, size_t(std::max<qint64>(0, v.size)), 7));
+    default:
+        return 10;
+    }
+}
 
 // A varint read from memory, bounded: false when it runs past end.
 bool varint(const uchar* data, qint64 pos, qint64 end, qint64* value, int* len) {
@@ -189,33 +317,66 @@ struct Target {
     qint64 root = 0;
     std::vector<Column> columns; // those a record holds, in its order
     std::vector<bool> notNull;   // columns that cannot hold NULL in a record
-    int alias = -1;              // the rowid alias among them
-    bool table = true;           // a rowid table; false: a table without rowid
+    std::vector<int> declared;   // the declared position of each, among declaredCount columns
+    int declaredCount = 0;
+    int alias = -1;    // the rowid alias among them
+    bool table = true; // a rowid table; false: a table without rowid
     QString pattern;
     std::unique_ptr<SQliteCodec::Pattern> compiled;
     bool live = false; // live rows are known
-    KeySet liveWithRowid, liveValues, liveAllButOne, liveRowids;
+    // The serial types a lost one-byte varint can have been, for the first two columns.
+    std::vector<std::vector<qint64>> lostChoices;
+    void chooseLost() {
+        lostChoices.assign(2, {});
+        for (int col = 0; col < std::min(size(), 2); ++col)
+            for (qint64 type = 0; type < 128; ++type)
+                if (type != 10 && type != 11 && keeps(col, type)) lostChoices[size_t(col)].push_back(type);
+    }
+    // The classes of serial types (NULL, each integer width, float, 0, 1, text, blob) that each
+    // column's live values have, one bit per class, and how many live rows there were.
+    std::vector<quint16> seen;
+    static int typeClass(qint64 type) { return type <= 9 ? int(type) : type % 2 ? 10 : 11; }
+    // Whether every value of a reading has a class its column's live values have, when there are
+    // enough live rows to tell.
+    bool usual(const std::vector<qint64>& types) const {
+        if (liveRows.size() < 16 || seen.size() < types.size()) return false;
+        for (size_t i = 0; i < types.size(); ++i)
+            if (int(i) != alias && !(seen[i] & (1u << typeClass(types[i])))) return false;
+        return true;
+    }
+    LiveRows liveRows;
     int index = 0;
 
     int size() const { return int(columns.size()); }
     // An earlier version of a row is told by its rowid, or, when the rowid is lost, by all but
     // one of its values; the latter only for tables of four values or more.
-    bool nearMatches() const { return columns.size() - (alias >= 0 ? 1 : 0) >= 4; }
-    quint64 allButOneKey(const QList<QVariant>& values, int left) const {
-        QList<QVariant> rest = values;
-        rest[left] = QVariant(QStringLiteral("\x01left out"));
-        return valuesKey(rest, alias, nullptr);
-    }
+    int informative() const { return int(columns.size()) - (alias >= 0 ? 1 : 0); }
+    bool nearMatches() const { return informative() >= 4; }
     // A REAL column keeps integral values as integers in the file and reads them as floats.
-    QVariant columnValue(int column, const QVariant& stored) const {
-        if (columns[size_t(column)].affinity == SQliteSchema::RealAffinity &&
-            stored.type() == QVariant::LongLong)
-            return QVariant(double(stored.toLongLong()));
-        return stored;
+    void realify(int column, SQliteValue& v) const {
+        if (columns[size_t(column)].affinity == SQliteSchema::RealAffinity && v.type == SQliteValue::Integer)
+            v = SQliteValue::fromReal(double(v.integer));
     }
     bool accepts(int column, qint64 type) const {
         return type <= INT32_MAX && compiled->matches(column, int(type)) &&
                !(type == 0 && notNull[size_t(column)]);
+    }
+    // Whether a serial type that is lost can be guessed for a column: one it accepts, of a class
+    // its affinity keeps as it is (text, not a blob, in a TEXT column; a number or text in a
+    // NUMERIC one).
+    bool keeps(int column, qint64 type) const {
+        if (!accepts(column, type)) return false;
+        switch (columns[size_t(column)].affinity) {
+        case SQliteSchema::TextAffinity:
+            return type == 0 || (type >= 13 && type % 2 == 1);
+        case SQliteSchema::NumericAffinity:
+            return type <= 9 || (type >= 13 && type % 2 == 1);
+        case SQliteSchema::IntegerAffinity:
+        case SQliteSchema::RealAffinity:
+            return type <= 9;
+        default:
+            return true;
+        }
     }
 };
 
@@ -275,11 +436,13 @@ struct SQliteRecovery::Private {
         qint64 valuesAt = 0;   // where its values start
         qint64 headerSize = 0; // as the record states it, or as worked out when it is lost
         std::vector<qint64> types;
-        qint64 length = 0; // header and values: the payload
-        QString rebuilt;   // what was worked out of a lost start
+        qint64 length = 0;   // header and values: the payload
+        QString rebuilt;     // what was worked out of a lost start
+        bool strong = false; // its cell's start survived, or the freeblock it fills says where it was
     };
     struct Found {
         Record record;
+        std::vector<qint64> types; // of a rebuilt record
         const Target* target = nullptr;
         // 4 a whole cell a cell pointer leads to; 3 its payload length and rowid, or a start
         // rebuilt to fill its freeblock exactly; 2 its header alone; 1 a start rebuilt to end where
@@ -287,7 +450,14 @@ struct SQliteRecovery::Private {
         int strength = 0;
     };
 
-    bool textOk = true; // the text of the record just read is valid in the database's encoding
+    // What can start a record of some table, worked out before a search: a one-byte header
+    // size, then a one-byte first serial type.
+    std::vector<uchar> headerSizeOk, firstTypeOk;
+    bool longHeaders = false; // a table has columns enough for a header of 128 bytes or more
+    void prepareScan();
+    bool textOk = true;          // the text of the record just read is valid in the database's encoding
+    std::vector<quint64> hashes; // of the values of the record just read, as stored
+    std::vector<bool> intact;    // which of them were read whole
 
     // Tables
     void addTarget(const QString& name, const SQliteSchema::Table& schema, qint64 root, bool isDropped);
@@ -312,15 +482,29 @@ struct SQliteRecovery::Private {
     int fitScore(const Record& r, const Target& t) const;
 
     // Searching pages
+    // leaf: the area lies in a page that is, or was, a b-tree leaf, where freed cells leave
+    // freeblock headers.
     void searchArea(const uchar* data, int pageNo, Region region, qint64 start, qint64 end,
                     const QVector<QPair<qint64, qint64>>& heads, const Target* owner,
-                    std::vector<Found>& found);
+                    std::vector<Found>& found, bool leaf = true);
     void searchCells(const uchar* data, int pageNo, Region region, const Target* owner,
                      std::vector<Found>& found);
     void searchPage(const uchar* data, int pageNo, bool leafOfOwner, const Target* owner,
                     std::vector<Found>& found);
-    bool report(std::vector<Found>& found, const Callback& callback);
+    bool report(std::vector<Found>& found, const Callback& callback, const Target* owner = nullptr);
     bool report(Record& r, const Target& t, const Callback& callback);
+    // The values of a record as its table declares its columns: a table without rowid keeps its
+    // key first, and a virtual generated column (NULL here) lies in no record.
+    static void toDeclaredOrder(Record& r, const Target& t) {
+        if (t.declaredCount == r.values.size() && std::is_sorted(t.declared.begin(), t.declared.end()))
+            return;
+        QList<QVariant> values;
+        for (int i = 0; i < t.declaredCount; ++i)
+            values.append(QVariant());
+        for (int i = 0; i < r.values.size() && size_t(i) < t.declared.size(); ++i)
+            values[t.declared[size_t(i)]] = r.values.at(i);
+        r.values = values;
+    }
     void liveCells(const uchar* data, qint64 header, int type, QVector<QPair<qint64, qint64>>* used) const;
     void freeblocks(const uchar* data, qint64 header, qint64 from,
                     QVector<QPair<qint64, qint64>>* blocks) const;
@@ -342,7 +526,7 @@ QString SQliteRecovery::pattern() const {
     return d->single ? d->single->pattern : QString();
 }
 int SQliteRecovery::rowidAlias() const {
-    return d->single ? d->single->alias : -1;
+    return d->single ? d->single->schema.rowidAlias : -1;
 }
 void SQliteRecovery::setFreePagesSearched(bool searched) {
     d->freePages = searched;
@@ -367,18 +551,14 @@ QStringList SQliteRecovery::columnNames() const {
 QStringList SQliteRecovery::columnNames(const QString& table) const {
     QStringList names;
     for (const auto& t : d->targets)
-        if (t->name == table) {
-            for (const Column& c : t->columns)
-                names << c.name;
-            break;
-        }
+        if (t->name == table) return t->schema.columnNames();
     return names;
 }
 
 QStringList SQliteRecovery::declaredTypes() const {
     QStringList types;
     if (d->single)
-        for (const Column& c : d->single->columns)
+        for (const Column& c : d->single->schema.columns)
             types << c.declaredType;
     return types;
 }
@@ -423,6 +603,8 @@ void SQliteRecovery::Private::addTarget(const QString& name, const SQliteSchema:
     std::stable_sort(declared.begin(), declared.end(), [&schema](int a, int b) {
         return schema.columns.at(a).storage < schema.columns.at(b).storage;
     });
+    t->declared = declared;
+    t->declaredCount = schema.columns.size();
     for (int i : declared) {
         if (i == schema.rowidAlias) t->alias = int(t->columns.size());
         t->columns.push_back(schema.columns.at(i));
@@ -433,6 +615,7 @@ void SQliteRecovery::Private::addTarget(const QString& name, const SQliteSchema:
     }
     if (t->columns.empty()) return;
     t->compiled.reset(new SQliteCodec::Pattern(t->pattern, true));
+    t->chooseLost();
     t->index = int(targets.size());
     targets.push_back(std::move(t));
 }
@@ -500,6 +683,7 @@ bool SQliteRecovery::setTable(const QString& name, const QString& givenPattern) 
             }
         t.pattern = givenPattern;
         t.compiled.reset(new SQliteCodec::Pattern(givenPattern, true));
+        t.chooseLost();
     }
     d->chosen = true;
     return true;
@@ -538,9 +722,15 @@ void SQliteRecovery::Private::loadPages() {
     trunks.assign(size_t(lastPage + 1), 0);
     oldTree.assign(size_t(lastPage + 1), 0);
     if (lastPage >= 1) owned[1] = 1;
+    // An auto-vacuum database keeps pointer-map pages: page 2, then one after every usable / 5
+    // pages they map. They belong to no b-tree and hold no records.
+    if (db.header.largestRootPage != 0 && usable >= 5)
+        for (qint64 p = 2; p <= lastPage; p += usable / 5 + 1)
+            owned[size_t(p)] = 1;
     const qint32 encoding = g.encoding;
     std::vector<uchar> payload;
     std::vector<qint64> overflow;
+    std::vector<quint64> hashes;
     RecordHeader header;
     auto mark = [this](qint64 page) {
         if (page >= 1 && page <= lastPage) owned[size_t(page)] = 1;
@@ -552,8 +742,8 @@ void SQliteRecovery::Private::loadPages() {
             if (!candidate->dropped && candidate->wanted && candidate->root == o.rootPage)
                 t = candidate.get();
         if (t) {
-            for (KeySet* set : {&t->liveWithRowid, &t->liveValues, &t->liveAllButOne, &t->liveRowids})
-                set->clear();
+            t->liveRows.reset(t->size(), t->alias);
+            t->seen.assign(size_t(t->size()), 0);
         }
         const int n = t ? t->size() : 0;
         tree.walk(
@@ -566,8 +756,7 @@ void SQliteRecovery::Private::loadPages() {
                 if (!t || isTablePage(e.type) != t->table) return true;
                 // The live row by its values as stored, with and without its rowid.
                 readRecordHeader(payload.data(), qint64(payload.size()), header);
-                QList<QVariant> values;
-                values.reserve(n);
+                hashes.assign(size_t(n), 0);
                 qint64 at = header.size;
                 for (int i = 0; i < n; ++i) {
                     SQliteValue v;
@@ -575,26 +764,19 @@ void SQliteRecovery::Private::loadPages() {
                     const qint64 left = qint64(payload.size()) - at;
                     if (i != t->alias && left >= 0 &&
                         SQliteCodec::stored(type, payload.data() + at, left, encoding, &v))
-                        values.append(t->columnValue(i, v.toVariant()));
+                        t->realify(i, v);
                     else
-                        values.append(QVariant());
+                        v = SQliteValue();
+                    hashes[size_t(i)] = valueHash(v);
                     at += valueLength(type);
+                    if (size_t(i) < header.types.size())
+                        t->seen[size_t(i)] |= quint16(1u << Target::typeClass(header.types[size_t(i)]));
                 }
-                const qint64 rowid = e.cell.rowid;
-                if (t->table) t->liveRowids.insert(quint64(rowid));
-                if (t->table) t->liveWithRowid.insert(valuesKey(values, t->alias, &rowid));
-                t->liveValues.insert(valuesKey(values, t->alias, nullptr));
-                if (t->nearMatches())
-                    for (int i = 0; i < n; ++i)
-                        if (i != t->alias) t->liveAllButOne.insert(t->allButOneKey(values, i));
+                t->liveRows.add(t->table ? e.cell.rowid : 0, hashes);
                 return true;
             },
             [&](qint64 page, int) { mark(page); });
-        if (t) {
-            for (KeySet* set : {&t->liveWithRowid, &t->liveValues, &t->liveAllButOne, &t->liveRowids})
-                set->freeze();
-            t->live = true;
-        }
+        if (t) t->live = true;
     }
     // The trunks of the free list, as far as its chain can be followed.
     sqliteio::walkFreeList(
@@ -624,6 +806,20 @@ void SQliteRecovery::Private::loadPages() {
         }
     }
     pagesKnown = true;
+}
+
+void SQliteRecovery::Private::prepareScan() {
+    headerSizeOk.assign(128, 0);
+    firstTypeOk.assign(128, 0);
+    longHeaders = false;
+    for (const auto& t : targets) {
+        const int n = t->size();
+        longHeaders = longHeaders || 1 + 9 * n >= 128;
+        for (int h = n + 1; h < 128 && h <= 1 + 9 * n; ++h)
+            headerSizeOk[size_t(h)] = 1;
+        for (int type = 0; type < 128; ++type)
+            if (t->accepts(0, type)) firstTypeOk[size_t(type)] = 1;
+    }
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -659,6 +855,7 @@ bool SQliteRecovery::Private::headerAt(const uchar* data, qint64 pos, qint64 are
     c.valuesAt = pos + headerSize;
     c.length = headerSize;
     c.rebuilt.clear();
+    c.strong = false;
     for (qint64 type : c.types)
         c.length += valueLength(type);
     // The cell's payload length and rowid (a table's) or payload length alone (an index's), when
@@ -675,6 +872,7 @@ bool SQliteRecovery::Private::headerAt(const uchar* data, qint64 pos, qint64 are
             if (t.table && (!varint(data, s + l1, pos, &rowid, &l2) || l2 != rowidLen)) continue;
             c.cellStart = s;
             c.rowid = rowid;
+            c.strong = true;
             break;
         }
     }
@@ -691,12 +889,17 @@ void SQliteRecovery::Private::rebuild(const uchar* data, qint64 f, qint64 end, b
                                       std::vector<Found>& out) {
     const int n = t.size();
     if (f + kFreeblockHeaderSize >= end) return;
-    // The serial types a lost one-byte varint can have been, for each column.
-    std::vector<std::vector<qint64>> lostChoices(2);
-    for (int col = 0; col < std::min(n, 2); ++col)
-        for (qint64 type = 0; type < 128; ++type)
-            if (type != 10 && type != 11 && t.accepts(col, type)) lostChoices[size_t(col)].push_back(type);
+    // How the serial types that start in the lost bytes may lie: their varints' lengths, and how
+    // many bytes of the last one survive after the four lost ones. A two-byte serial type is
+    // tried only when the cell's length is known, which leaves one length for it.
+    struct Shape {
+        int count, lens[2], tail;
+    };
+    static const Shape none[] = {{0, {0, 0}, 0}};
+    static const Shape oneByte[] = {{1, {1, 0}, 0}, {1, {2, 0}, 1}};
+    static const Shape twoBytes[] = {{2, {1, 1}, 0}, {1, {2, 0}, 0}};
     const int rowidMax = t.table ? 2 : 0;
+    std::vector<qint64> choices[2];
     for (int p = 1; p <= 3; ++p) {
         for (int r = t.table ? 1 : 0; r <= rowidMax; ++r) {
             if (p + r > 3) continue; // the header size survives: an ordinary header, read elsewhere
@@ -704,79 +907,93 @@ void SQliteRecovery::Private::rebuild(const uchar* data, qint64 f, qint64 end, b
                 const qint64 typesAt = p + r + h; // from f
                 const int lostBytes = int(std::max<qint64>(0, kFreeblockHeaderSize - typesAt));
                 if (lostBytes > 2) continue;
-                // The serial types that start in the lost bytes: one-byte varints filling them.
-                const int lost = lostBytes;
-                if (lost > n) continue;
-                Candidate c;
-                c.types.assign(size_t(lost), 0);
-                qint64 at = f + std::max<qint64>(typesAt, kFreeblockHeaderSize);
-                bool ok = true;
-                for (int i = lost; i < n && ok; ++i) {
-                    qint64 type = 0;
-                    int l = 0;
-                    ok = varint(data, at, end, &type, &l) && t.accepts(i, type);
-                    c.types.push_back(type);
-                    at += l;
-                }
-                if (!ok) continue;
-                const qint64 headerSize = at - f - p - r;
-                if (varintLength(quint64(headerSize)) != h) continue;
-                // A two-byte header size whose second byte survives must agree with it.
-                if (h == 2 && typesAt == 5 && data[f + 4] != uchar(headerSize & 0x7F)) continue;
-                qint64 known = 0;
-                for (int i = lost; i < n; ++i)
-                    known += valueLength(c.types[size_t(i)]);
-                // Every choice of the lost serial types (a handful at most in practice).
-                std::vector<std::vector<qint64>> choices;
-                std::vector<qint64> pick(static_cast<size_t>(lost));
-                std::function<void(int)> choose = [&](int i) {
-                    if (i == lost) {
-                        choices.push_back(pick);
-                        return;
+                const Shape* shapes = lostBytes == 0 ? none : lostBytes == 1 ? oneByte : twoBytes;
+                const int shapeCount = lostBytes == 0 ? 1 : 2;
+                for (int s = 0; s < shapeCount; ++s) {
+                    const Shape& shape = shapes[s];
+                    const int lost = shape.count;
+                    const bool wide = shape.lens[0] == 2;
+                    if (lost > n || (wide && !exact)) continue;
+                    const uchar low = data[f + kFreeblockHeaderSize];
+                    if (shape.tail && low >= 0x80) continue; // the surviving end of a varint
+                    Candidate c;
+                    c.types.assign(size_t(lost), 0);
+                    qint64 at = f + std::max<qint64>(typesAt, kFreeblockHeaderSize) + shape.tail;
+                    bool ok = true;
+                    for (int i = lost; i < n && ok; ++i) {
+                        qint64 type = 0;
+                        int l = 0;
+                        ok = varint(data, at, end, &type, &l) && t.keeps(i, type);
+                        c.types.push_back(type);
+                        at += l;
                     }
-                    for (qint64 type : lostChoices[size_t(i)]) {
-                        pick[size_t(i)] = type;
-                        choose(i + 1);
-                    }
-                };
-                choose(0);
-                for (const std::vector<qint64>& lostTypes : choices) {
-                    qint64 payload = headerSize + known;
+                    if (!ok) continue;
+                    const qint64 headerSize = at - f - p - r;
+                    if (varintLength(quint64(headerSize)) != h) continue;
+                    // A two-byte header size whose second byte survives must agree with it.
+                    if (h == 2 && typesAt == 5 && data[f + 4] != uchar(headerSize & 0x7F)) continue;
+                    qint64 known = 0;
+                    for (int i = lost; i < n; ++i)
+                        known += valueLength(c.types[size_t(i)]);
+                    // The serial types each lost one may have been.
                     for (int i = 0; i < lost; ++i) {
-                        c.types[size_t(i)] = lostTypes[size_t(i)];
-                        payload += valueLength(lostTypes[size_t(i)]);
+                        choices[i].clear();
+                        if (shape.lens[i] == 1) {
+                            choices[i] = t.lostChoices[size_t(i)];
+                        } else if (shape.tail) {
+                            for (qint64 hi = 1; hi < 128; ++hi)
+                                if (t.keeps(i, (hi << 7) | low)) choices[i].push_back((hi << 7) | low);
+                        } else {
+                            // Its length is what the cell's length leaves, if it stays on the page.
+                            const qint64 length = end - f - p - r - headerSize - known;
+                            for (qint64 type : {12 + 2 * length, 13 + 2 * length})
+                                if (type >= 128 && type < 16384 && t.keeps(i, type))
+                                    choices[i].push_back(type);
+                        }
                     }
-                    if (varintLength(quint64(payload)) != p) continue;
-                    const qint64 local = localPayload(payload, usable, t.table);
-                    const qint64 cellLength = p + r + local + (local < payload ? kOverflowHeaderSize : 0);
-                    if (exact ? f + cellLength != end
-                              : (f + cellLength > end || !cellBoundary(data, f + cellLength, end)))
-                        continue;
-                    c.start = f + kFreeblockHeaderSize;
-                    c.cellStart = -1;
-                    c.headerSize = headerSize;
-                    c.valuesAt = f + p + r + headerSize;
-                    c.length = payload;
-                    c.rebuilt =
-                        QString("the first %1 bytes of its cell (payload length%2%3%4) rebuilt from the %5")
-                            .arg(kFreeblockHeaderSize)
-                            .arg(t.table ? ", rowid" : "")
-                            .arg(h + p + r <= kFreeblockHeaderSize ? ", header size" : "")
-                            .arg(lost ? QString(", %1 serial type%2").arg(lost).arg(lost > 1 ? "s" : "")
-                                      : QString())
-                            .arg(exact ? "freeblock's size" : "cell that follows");
-                    Found found;
-                    found.target = &t;
-                    found.strength = exact ? 3 : 1;
-                    finish(data, exact ? end : f + cellLength, c, t, found.record);
-                    if (!found.record.reasons.isEmpty()) continue; // does not fit the layout
-                    place(c, t, 0, Freeblock, c.start, found.record);
-                    // Only readings that t could have held count.
-                    const QStringList& why = found.record.reasons;
-                    if (why.contains(kEncoding) || why.contains(kAffinity) || why.contains(kEmpty) ||
-                        why.contains(kLayout))
-                        continue;
-                    out.push_back(found);
+                    const size_t first = lost > 0 ? choices[0].size() : 1,
+                                 second = lost > 1 ? choices[1].size() : 1;
+                    for (size_t k = 0; k < first * second; ++k) {
+                        qint64 payload = headerSize + known;
+                        if (lost > 0) c.types[0] = choices[0][k % first];
+                        if (lost > 1) c.types[1] = choices[1][k / first];
+                        for (int i = 0; i < lost; ++i)
+                            payload += valueLength(c.types[size_t(i)]);
+                        if (varintLength(quint64(payload)) != p) continue;
+                        const qint64 local = localPayload(payload, usable, t.table);
+                        const qint64 cellLength = p + r + local + (local < payload ? kOverflowHeaderSize : 0);
+                        if (exact ? f + cellLength != end
+                                  : (f + cellLength > end || !cellBoundary(data, f + cellLength, end)))
+                            continue;
+                        c.start = f + kFreeblockHeaderSize;
+                        c.cellStart = -1;
+                        c.strong = exact;
+                        c.headerSize = headerSize;
+                        c.valuesAt = f + p + r + headerSize;
+                        c.length = payload;
+                        c.rebuilt =
+                            QString(
+                                "the first %1 bytes of its cell (payload length%2%3%4) rebuilt from the %5")
+                                .arg(kFreeblockHeaderSize)
+                                .arg(t.table ? ", rowid" : "")
+                                .arg(h + p + r <= kFreeblockHeaderSize ? ", header size" : "")
+                                .arg(lost ? QString(", %1 serial type%2").arg(lost).arg(lost > 1 ? "s" : "")
+                                          : QString())
+                                .arg(exact ? "freeblock's size" : "cell that follows");
+                        Found found;
+                        found.target = &t;
+                        found.types = c.types;
+                        found.strength = exact ? 3 : 1;
+                        finish(data, exact ? end : f + cellLength, c, t, found.record);
+                        if (!found.record.reasons.isEmpty()) continue; // does not fit the layout
+                        place(c, t, 0, Freeblock, c.start, found.record);
+                        // Only readings that t could have held count.
+                        const QStringList& why = found.record.reasons;
+                        if (why.contains(kEncoding) || why.contains(kAffinity) || why.contains(kEmpty) ||
+                            why.contains(kLayout))
+                            continue;
+                        out.push_back(found);
+                    }
                 }
             }
         }
@@ -869,6 +1086,8 @@ void SQliteRecovery::Private::finish(const uchar* data, qint64 areaEnd, const Ca
     qint64 at = 0;
     bool cut = false;
     textOk = true;
+    hashes.assign(c.types.size(), valueHash(SQliteValue()));
+    intact.assign(c.types.size(), false);
     for (size_t i = 0; i < c.types.size(); ++i) {
         const qint64 type = c.types[i];
         const qint64 len = valueLength(type);
@@ -883,6 +1102,7 @@ void SQliteRecovery::Private::finish(const uchar* data, qint64 areaEnd, const Ca
                     while (have > 0 && !validUtf8(p + at, have)) // not in the middle of a character
                         --have;
                 SQliteCodec::stored(type % 2 ? 13 + 2 * have : 12 + 2 * have, p + at, have, encoding, &v);
+                hashes[i] = valueHash(v);
                 r.values.append(v.toVariant());
             } else {
                 r.values.append(QVariant());
@@ -893,7 +1113,10 @@ void SQliteRecovery::Private::finish(const uchar* data, qint64 areaEnd, const Ca
         if (type >= 13 && type % 2 == 1)
             textOk = textOk && (encoding == Utf16le || encoding == Utf16be || validUtf8(p + at, len));
         SQliteCodec::stored(type, p + at, len, encoding, &v);
-        r.values.append(t.columnValue(int(i), v.toVariant()));
+        t.realify(int(i), v);
+        hashes[i] = valueHash(v);
+        intact[i] = true;
+        r.values.append(v.toVariant());
         at += len;
     }
     r.length = int(localEnd - (r.rowidKnown || c.cellStart >= 0 ? c.cellStart : c.start));
@@ -917,6 +1140,10 @@ void SQliteRecovery::Private::place(const Candidate& c, const Target& t, int pag
 void SQliteRecovery::Private::check(const Candidate& c, const Target& t, Record& r) {
     const qint32 encoding = db.header.textEncoding;
     bool empty = true, encodingOk = textOk, affinityOk = true;
+    // A record found by its header alone, or rebuilt to end where another cell starts, must say
+    // enough to be told from noise: two values, or text or a blob of four bytes, and no text of
+    // private-use characters (what stray bytes read as UTF-16 are full of).
+    int said = 0;
     for (int i = 0; i < r.values.size(); ++i) {
         const QVariant& v = r.values.at(i);
         const qint64 type = c.types[size_t(i)];
@@ -929,6 +1156,10 @@ void SQliteRecovery::Private::check(const Candidate& c, const Target& t, Record&
         case QMetaType::QString: {
             const QString s = v.toString();
             if (!s.isEmpty()) empty = false;
+            said += s.size() >= 4 ? 2 : 1;
+            if (!c.strong)
+                for (const QChar ch : s)
+                    encodingOk = encodingOk && !(ch.unicode() >= 0xE000 && ch.unicode() < 0xF900);
             if (encoding == Utf16le || encoding == Utf16be) encodingOk = encodingOk && validUtf16(s);
             encodingOk = encodingOk && !mostlyControl(s);
             if ((a == SQliteSchema::IntegerAffinity || a == SQliteSchema::RealAffinity ||
@@ -940,16 +1171,19 @@ void SQliteRecovery::Private::check(const Candidate& c, const Target& t, Record&
         case QMetaType::QByteArray: {
             // A blob of zero bytes, or nearly, is nothing either.
             const QByteArray b = v.toByteArray();
+            said += b.size() >= 4 ? 2 : 1;
             if (b.count('\0') * 4 < b.size() * 3) empty = false;
             break;
         }
         case QMetaType::LongLong:
             if (v.toLongLong() != 0) empty = false;
+            ++said;
             if (a == SQliteSchema::TextAffinity) affinityOk = false;
             break;
         case QMetaType::Double: {
             const double x = v.toDouble();
             if (x != 0) empty = false;
+            ++said;
             if (a == SQliteSchema::TextAffinity) affinityOk = false;
             // An integral float in an integer column would have been stored as an integer.
             if ((a == SQliteSchema::IntegerAffinity || a == SQliteSchema::NumericAffinity) && type == 7 &&
@@ -963,21 +1197,31 @@ void SQliteRecovery::Private::check(const Candidate& c, const Target& t, Record&
     }
     if (!encodingOk) r.reasons << kEncoding;
     if (!affinityOk) r.reasons << kAffinity;
-    if (empty) r.reasons << kEmpty;
+    // The rowid of a cell that survived whole says something of its own.
+    if ((empty && !(t.table && r.rowidKnown && r.rowid != 0 && c.cellStart >= 0)) || (!c.strong && said < 2))
+        r.reasons << kEmpty;
 
-    if (t.live) {
-        QList<QVariant> stored = r.values;
-        if (t.alias >= 0) stored[t.alias] = QVariant();
-        const quint64 valuesOnly = valuesKey(stored, t.alias, nullptr);
-        if (r.rowidKnown ? t.liveWithRowid.contains(valuesKey(stored, t.alias, &r.rowid))
-                         : t.liveValues.contains(valuesOnly)) {
+    // A live row, or an earlier version of one (its rowid and all its values but one, or all but
+    // one of four values or more), or a stale copy of another table's live row; of a record that
+    // broke off, the values it keeps whole.
+    const qint64* rowid = r.rowidKnown ? &r.rowid : nullptr;
+    if (!r.reasons.isEmpty()) { // held back already
+        r.verdict = Held;
+        return;
+    }
+    int whole = 0;
+    for (int i = 0; i < int(intact.size()); ++i)
+        whole += i != t.alias && intact[size_t(i)];
+    if (whole >= std::min(2, t.informative())) {
+        LiveRows::Match m = t.live ? t.liveRows.match(hashes, intact, rowid) : LiveRows::None;
+        for (const auto& other : targets)
+            if (m != LiveRows::Same && other.get() != &t && other->live && other->size() == t.size() &&
+                other->table == t.table && other->liveRows.match(hashes, intact, rowid) == LiveRows::Same)
+                m = LiveRows::Same;
+        if (m == LiveRows::Same)
             r.reasons << kLive;
-        } else if (r.rowidKnown ? t.liveRowids.contains(quint64(r.rowid)) : t.nearMatches()) {
-            bool earlier = r.rowidKnown;
-            for (int i = 0; i < stored.size() && !earlier; ++i)
-                earlier = i != t.alias && t.liveAllButOne.contains(t.allButOneKey(stored, i));
-            if (earlier) r.reasons << kSuperseded;
-        }
+        else if (m == LiveRows::Near && (rowid ? t.informative() >= 2 : t.nearMatches()))
+            r.reasons << kSuperseded;
     }
     if (!r.reasons.isEmpty()) r.verdict = Held;
 }
@@ -1051,16 +1295,16 @@ void SQliteRecovery::Private::freeblocks(const uchar* data, qint64 header, qint6
 // larger free area is recognised by its bytes.
 void SQliteRecovery::Private::searchArea(const uchar* data, int pageNo, Region region, qint64 start,
                                          qint64 end, const QVector<QPair<qint64, qint64>>& heads,
-                                         const Target* owner, std::vector<Found>& found) {
+                                         const Target* owner, std::vector<Found>& found, bool leaf) {
     Candidate c;
     std::vector<Found> readings;
-    QVector<qint64> headAt;
-    for (const auto& h : heads)
-        headAt.append(h.first);
+    int nextHead = 0; // heads come in order of offset
     for (qint64 pos = start; pos < end; ++pos) {
-        // A record whose header starts here, for each table it fits.
-        std::vector<Found> fits;
+        // A record whose header starts here, for each table it fits; most places start none.
+        const uchar b0 = data[pos], b1 = pos + 1 < end ? data[pos + 1] : 0;
+        const bool maybe = b0 >= 0x80 ? longHeaders : headerSizeOk[b0] && (b1 >= 0x80 || firstTypeOk[b1]);
         for (const auto& tp : targets) {
+            if (!maybe) break;
             const Target& t = *tp;
             if (!headerAt(data, pos, start, end, t, c)) continue;
             // A header of one serial type says next to nothing: its cell must show around it.
@@ -1070,17 +1314,14 @@ void SQliteRecovery::Private::searchArea(const uchar* data, int pageNo, Region r
             finish(data, end, c, t, f.record);
             place(c, t, pageNo, region, c.cellStart >= 0 ? c.cellStart : c.start, f.record);
             f.strength = c.cellStart >= 0 ? 3 : 2;
-            fits.push_back(f);
-        }
-        if (!fits.empty()) {
-            found.push_back(fits.front());
-            for (size_t i = 1; i < fits.size(); ++i)
-                found.push_back(fits[i]);
+            found.push_back(std::move(f));
         }
         // A cell whose first four bytes a freeblock header overwrote: a freeblock still in the
         // chain starts at pos, or the bytes before pos + 4 read as one that was.
-        const int head = headAt.indexOf(pos);
-        const qint64 former = head < 0 && pos + 4 < end ? formerFreeblockEnd(data, pos + 4) : -1;
+        while (nextHead < heads.size() && heads[nextHead].first < pos)
+            ++nextHead;
+        const int head = nextHead < heads.size() && heads[nextHead].first == pos ? nextHead : -1;
+        const qint64 former = head < 0 && leaf && pos + 4 < end ? formerFreeblockEnd(data, pos + 4) : -1;
         if (head < 0 && former < 0) continue;
         const qint64 blockEnd = std::min(end, head >= 0 ? pos + heads[head].second : former);
         for (const auto& tp : targets) {
@@ -1089,11 +1330,28 @@ void SQliteRecovery::Private::searchArea(const uchar* data, int pageNo, Region r
             rebuild(data, pos, blockEnd, true, *tp, readings);
             if (readings.empty()) rebuild(data, pos, std::min(end, blockEnd), false, *tp, readings);
             if (readings.empty()) continue;
-            // One reading, or several that all give the same values: rebuilt. Otherwise it is
-            // held back as ambiguous.
+            // One reading, or several that all give the same values: rebuilt. Of several that
+            // differ, the one reading whose every value is of a class its column's live values
+            // have is taken. Otherwise it is held back as ambiguous.
+            auto sameValues = [](const Record& x, const Record& y) {
+                bool same = x.values.size() == y.values.size();
+                for (int i = 0; i < x.values.size() && same; ++i)
+                    same = x.values.at(i).type() == y.values.at(i).type() && x.values.at(i) == y.values.at(i);
+                return same;
+            };
             bool same = true;
             for (const Found& f : readings)
-                same = same && f.record.values == readings.front().record.values;
+                same = same && sameValues(f.record, readings.front().record);
+            if (!same) {
+                std::vector<Found> usual;
+                for (const Found& f : readings)
+                    if (tp->usual(f.types) && (usual.empty() || !sameValues(f.record, usual.front().record)))
+                        usual.push_back(f);
+                if (usual.size() == 1) {
+                    readings = usual;
+                    same = true;
+                }
+            }
             Found f = readings.front();
             if (head < 0) f.strength = std::min(f.strength, 2); // the freeblock's bytes alone said so
             f.record.page = pageNo;
@@ -1176,20 +1434,25 @@ void SQliteRecovery::Private::searchPage(const uchar* data, int pageNo, bool lea
             usable, trunk::Leaves + 4 * std::min<qint64>(get32(data + trunk::LeafCount), usable / 4));
     else if (isBtreePage(type))
         return; // an interior page left by a dropped tree: its cells hold no rows
-    searchArea(data, pageNo, FreePage, start, usable, {}, nullptr, found);
+    // A trunk was most likely a leaf before: its freed cells still start with freeblock headers.
+    searchArea(data, pageNo, FreePage, start, usable, {}, nullptr, found, trunks[size_t(pageNo)] != 0);
 }
 
 // Keeps, where candidates overlap, the one with the most of its cell surviving, gives each to
 // the table it fits best, and reports them by offset.
-bool SQliteRecovery::Private::report(std::vector<Found>& found, const Callback& callback) {
+bool SQliteRecovery::Private::report(std::vector<Found>& found, const Callback& callback,
+                                     const Target* owner) {
     if (found.empty()) return true;
     std::vector<size_t> order(found.size());
     for (size_t i = 0; i < order.size(); ++i)
         order[i] = i;
-    std::stable_sort(order.begin(), order.end(), [this, &found](size_t a, size_t b) {
+    // The page's own table first, among records of the same strength: a leaf's freed cells are
+    // its table's, and an old b-tree's leaves its dropped table's.
+    std::stable_sort(order.begin(), order.end(), [this, &found, owner](size_t a, size_t b) {
         const Found &x = found[a], &y = found[b];
         if ((x.record.verdict == Held) != (y.record.verdict == Held)) return y.record.verdict == Held;
         if (x.strength != y.strength) return x.strength > y.strength;
+        if ((x.target == owner) != (y.target == owner)) return x.target == owner;
         return fitScore(x.record, *x.target) > fitScore(y.record, *y.target);
     });
     struct Kept {
@@ -1206,7 +1469,7 @@ bool SQliteRecovery::Private::report(std::vector<Found>& found, const Callback& 
             overlaps = true;
             // The same bytes read as a record of another table, as well: a candidate.
             Found& best = found[k.index];
-            if (from == k.from && to == k.to && found[i].target != best.target &&
+            if (from == k.from && to == k.to && found[i].target != best.target && best.target != owner &&
                 (r.verdict == Held) == (best.record.verdict == Held) && found[i].strength == best.strength &&
                 fitScore(r, *found[i].target) == fitScore(best.record, *best.target) &&
                 !best.record.ambiguous.contains(found[i].target->name) &&
@@ -1226,6 +1489,7 @@ bool SQliteRecovery::Private::report(std::vector<Found>& found, const Callback& 
 
 bool SQliteRecovery::Private::report(Record& r, const Target& t, const Callback& callback) {
     r.version = version;
+    toDeclaredOrder(r, t);
     QList<QVariant> stored = r.values;
     if (t.alias >= 0) stored[t.alias] = QVariant();
     const quint64 key = mix(valuesKey(stored, t.alias, nullptr), quint64(t.index));
@@ -1272,8 +1536,10 @@ void SQliteRecovery::Private::findDropped() {
     Target& master = *targets.front();
     master.pattern = QStringLiteral("tttdt");
     master.compiled.reset(new SQliteCodec::Pattern(master.pattern, true));
+    master.chooseLost();
     master.wanted = true;
     loadPages();
+    prepareScan();
     QSet<QString> seen;
     const Callback keep = [&](const Record& r) {
         if (r.values.size() != 5) return true;
@@ -1315,9 +1581,17 @@ void SQliteRecovery::Private::findDropped() {
         pages.push_back(p);
     for (qint64 p = 2; p <= lastPage; ++p)
         if (!owned[size_t(p)]) pages.push_back(int(p));
+    // A schema row holds its statement: a page without the word CREATE (in the database's
+    // encoding) holds none.
+    QByteArray create;
+    for (const char ch : QByteArray("CREATE ")) {
+        if (db.header.textEncoding == Utf16be) create += '\0';
+        create += ch;
+        if (db.header.textEncoding == Utf16le) create += '\0';
+    }
     for (int page : pages) {
         const QByteArray bytes = readPage(page);
-        if (bytes.size() < usable) continue;
+        if (bytes.size() < usable || !bytes.contains(create)) continue;
         found.clear();
         const uchar* data = reinterpret_cast<const uchar*>(bytes.constData());
         searchPage(data, page, owned[size_t(page)] != 0, owned[size_t(page)] ? &master : nullptr, found);
@@ -1347,6 +1621,7 @@ bool SQliteRecovery::forEach(const Callback& callback) {
     const Geometry g = sqliteGeometry(d->db);
     if (g.usable < kSmallestUsable) return true; // no valid database has pages this small
     d->loadPages();
+    d->prepareScan();
 
     // The leaves of the tables whose records are passed on, then the pages no table owns.
     struct Job {
@@ -1378,7 +1653,7 @@ bool SQliteRecovery::forEach(const Callback& callback) {
         if (bytes.size() >= d->usable)
             d->searchPage(reinterpret_cast<const uchar*>(bytes.constData()), job.page, job.leaf, job.owner,
                           found);
-        if (!d->report(found, callback)) return false;
+        if (!d->report(found, callback, job.owner)) return false;
         if (d->progress) d->progress(i + 1, total);
     }
     // The versions of pages the database no longer shows: their cells, their free space.
@@ -1395,7 +1670,7 @@ bool SQliteRecovery::forEach(const Callback& callback) {
                 d->searchCells(data, v.page, Cell, nullptr, found);
                 d->searchPage(data, v.page, true, nullptr, found);
             } else if (!isBtreePage(type)) {
-                d->searchArea(data, v.page, FreePage, 0, d->usable, {}, nullptr, found);
+                d->searchArea(data, v.page, FreePage, 0, d->usable, {}, nullptr, found, false);
             }
         }
         if (!d->report(found, callback)) return false;
