@@ -5,6 +5,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QProcess>
 #include <QRandomGenerator>
 #include <QStringList>
 #include <QTemporaryDir>
@@ -96,6 +97,16 @@ inline QByteArray wavFile(quint32 rate, quint32 samples) {
     return "RIFF" + le32(36 + samples) + "WAVEfmt " + le32(16) + QByteArray("\x01\x00\x01\x00", 4) +
            le32(rate) + le32(rate) + QByteArray("\x01\x00\x08\x00", 4) + "data" + le32(samples) +
            QByteArray(int(samples), '\x80');
+}
+
+// The device backups made by tests/make_backup.py in folder: db/ (Manifest.db), mbdb/
+// (Manifest.mbdb), encrypted/. False, with a failure recorded, when the generator fails.
+inline bool makeBackups(const QString& folder) {
+    QProcess p;
+    p.start("python3", {QString(UTILS_SOURCE_DIR) + "/tests/make_backup.py", "cases", folder});
+    const bool ok = p.waitForFinished(120000) && p.exitStatus() == QProcess::NormalExit && p.exitCode() == 0;
+    EXPECT_TRUE(ok) << "make_backup.py: " << p.readAllStandardError().toStdString();
+    return ok;
 }
 
 // Runs body(0) .. body(n - 1) on n threads of their own while this thread serves its events (a

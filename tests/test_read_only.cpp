@@ -1,11 +1,13 @@
 // Examined files are only ever read: every reader of the library and every reading command of
 // utils-inspect runs over real files in a folder of their own, and afterwards each file's bytes and
 // modification time and the folder's listing must be as before (no -journal, -wal, -shm or lock
-// file). A new reader, command or file is one row.
+// file). A new reader, command or file is one row. The device backups (tests/make_backup.py) are
+// checked file by file, down their folders.
 #include "SqliteFixtures.h"
 #include "ToolRun.h"
 
 #include "DbUtils.h"
+#include "DeviceBackup.h"
 #include "MMKVParser.h"
 #include "MbdbUtil.h"
 #include "NSKeyedArchiver.h"
@@ -19,6 +21,7 @@
 
 #include <QCryptographicHash>
 #include <QDateTime>
+#include <QDirIterator>
 #include <plist/plist.h>
 
 namespace {
@@ -64,6 +67,7 @@ protected:
         };
         for (const auto& file : files)
             writeFile(path(file.first), file.second);
+        ASSERT_TRUE(makeBackups(path("backups")));
         for (const QFileInfo& i : QDir(dir->path()).entryInfoList(QDir::Files)) {
             QFile f(i.filePath());
             ASSERT_TRUE(f.open(QIODevice::ReadWrite) &&
@@ -76,11 +80,15 @@ protected:
 
     static std::string listing() {
         QStringList out;
-        for (const QFileInfo& i :
-             QDir(dir->path())
-                 .entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot))
-            out << i.fileName() + " " + i.lastModified().toUTC().toString(Qt::ISODate) + " " +
+        for (QDirIterator it(dir->path(),
+                             QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                             QDirIterator::Subdirectories);
+             it.hasNext();) {
+            const QFileInfo i(it.next());
+            out << i.filePath() + " " + i.lastModified().toUTC().toString(Qt::ISODate) + " " +
                        QCryptographicHash::hash(readFile(i.filePath()), QCryptographicHash::Sha1).toHex();
+        }
+        out.sort();
         return out.join('\n').toStdString();
     }
 
@@ -143,6 +151,16 @@ TEST_F(ReadOnly, LibraryReaders) {
                  db.close();
              }
          }},
+        {"DeviceBackup",
+         [] {
+             DeviceBackup backup;
+             for (const char* name : {"backups/db", "backups/mbdb"}) {
+                 ASSERT_TRUE(backup.open(path(name))) << name;
+                 EXPECT_TRUE(backup.storedFile(*backup.find("HomeDomain", "Library/SMS/sms.db"))
+                                 .endsWith("3d0d7e5fb2ce288813306e4d4636395e047a3d28"));
+             }
+             EXPECT_FALSE(backup.open(path("backups/encrypted")));
+         }},
         {"MMKVParser", [] { EXPECT_EQ(MMKVParser(path("mmkv.default")).getString("name"), "Anna"); }},
         {"RawMessage", [] { EXPECT_TRUE(RawMessage().mergeFile(path("message.pb").toStdString())); }},
         {"OSUtils",
@@ -204,6 +222,13 @@ TEST_F(ReadOnly, ToolCommands) {
         {{"manifest", "Manifest-DELETE.db", "abc"}, 0, "00000000  01 02 "},
         {{"manifest", "Manifest-WAL.db", "abc"}, 0, "00000000  01 02 "},
         {{"manifest", "Manifest-WAL.db", "zzz"}, 1, ""},
+        {{"backup", "backups/db"}, 0, "Entries per domain:", 1}, // one entry's metadata is no archive
+        {{"backup", "backups/mbdb", "--list", "--json"}, 0, "\"kind\":\"link\"", 2}, // two lists missing
+        {{"backup", "backups/encrypted", "--list"}, 1, ""},
+        {{"rows", "backups/db::HomeDomain/Library/SMS/sms.db", "message"}, 0, "(5 rows)", 1},
+        {{"wal", "backups/mbdb::HomeDomain/Library/SMS/sms.db"}, 0, "| committed | 0"},
+        {{"plist", "backups/db::HomeDomain/Library/Preferences/com.example.settings.plist"}, 0, "Anna"},
+        {{"plist", "backups/db::HomeDomain/../../escape.txt"}, 1, ""},
         {{"mmkv", "mmkv.default"}, 0, "\"name\" hex=04416e6e61 int=4 string=\"Anna\""},
         {{"protobuf", "message.pb", "1"}, 0, "hello"},
         {{"protobuf", "message.pb", "2", "--as", "int"}, 0, "150"},
@@ -224,7 +249,7 @@ TEST_F(ReadOnly, ToolCommands) {
     for (const auto& run : runs) {
         QStringList args = run.args;
         for (QString& arg : args)
-            if (QFile::exists(path(arg))) arg = path(arg);
+            if (QFile::exists(path(arg.section("::", 0, 0)))) arg = path(arg); // also DIR::DOMAIN/PATH
         const ToolRun r = runTool(args);
         const std::string what = run.args.join(' ').toStdString();
         EXPECT_EQ(r.code, run.code) << what << ": " << r.err.toStdString();

@@ -12,100 +12,6 @@
 
 namespace plistcompat {
 
-namespace {
-
-// The installed parser copies an object once for every reference to it, so a small binary
-// list whose containers share references nests into a tree of exponential size. Lists
-// whose tree would exceed this many nodes (or four per input byte, whichever is larger) are
-// refused. A list where only leaves are shared builds at most one node per reference, and
-// every reference takes at least one byte, so real lists stay far below the bound.
-constexpr uint64_t kMinNodeBudget = uint64_t(1) << 20;
-constexpr uint64_t kNodesPerByte = 4;
-
-uint64_t readBigEndian(const unsigned char* p, unsigned width) {
-    uint64_t v = 0;
-    for (unsigned i = 0; i < width; ++i)
-        v = (v << 8) | p[i];
-    return v;
-}
-
-struct BinaryList {
-    const unsigned char* data = nullptr;
-    uint64_t length = 0;
-    unsigned offsetSize = 0;
-    unsigned refSize = 0;
-    uint64_t objectCount = 0;
-    uint64_t topObject = 0;
-    uint64_t offsetTable = 0;
-    uint64_t dataEnd = 0; // objects and the offset table lie before the trailer
-
-    // Offset of object i, or false when it cannot be read.
-    bool objectOffset(uint64_t i, uint64_t* offset) const {
-        const uint64_t pos = offsetTable + i * offsetSize;
-        *offset = readBigEndian(data + pos, offsetSize);
-        return *offset < dataEnd;
-    }
-
-    // The marker type of the object at offset, its count and where its contents begin.
-    bool header(uint64_t offset, unsigned* type, uint64_t* count, uint64_t* contents) const {
-        uint64_t pos = offset;
-        const unsigned marker = data[pos++];
-        *type = marker >> 4;
-        *count = marker & 0x0F;
-        if (*count == 0x0F) {
-            if (pos >= dataEnd) return false;
-            const unsigned intMarker = data[pos++];
-            if ((intMarker >> 4) != 0x1) return false;
-            const unsigned width = 1u << (intMarker & 0x0F);
-            if (width > 8 || width > dataEnd - pos) return false;
-            *count = readBigEndian(data + pos, width);
-            pos += width;
-        }
-        *contents = pos;
-        return true;
-    }
-
-    // The references held by the object at offset: their position and count, and whether the
-    // first half of them are dictionary keys. A leaf (or an object that cannot be followed)
-    // holds none.
-    void references(uint64_t offset, uint64_t* refsAt, uint64_t* refCount, bool* dict) const {
-        *refsAt = 0;
-        *refCount = 0;
-        *dict = false;
-        unsigned type = 0;
-        uint64_t count = 0;
-        uint64_t pos = 0;
-        if (!header(offset, &type, &count, &pos)) return;
-        if (type != 0xA && type != 0xC && type != 0xD) return;
-        const uint64_t perEntry = (type == 0xD) ? 2 : 1;
-        if (count > (dataEnd - pos) / refSize / perEntry) return;
-        *refsAt = pos;
-        *refCount = count * perEntry;
-        *dict = type == 0xD;
-    }
-
-    // Whether object i is text holding a zero character. The installed release aborts on a
-    // dictionary key like that (it checks key lengths with an assertion).
-    bool textWithZero(uint64_t i) const {
-        uint64_t offset = 0;
-        unsigned type = 0;
-        uint64_t count = 0;
-        uint64_t pos = 0;
-        if (i >= objectCount || !objectOffset(i, &offset) || !header(offset, &type, &count, &pos))
-            return false;
-        if (type == 0x5) {
-            if (count > dataEnd - pos) return false;
-            return std::memchr(data + pos, 0, count) != nullptr;
-        }
-        if (type == 0x6) {
-            if (count > (dataEnd - pos) / 2) return false;
-            for (uint64_t k = 0; k < count; ++k)
-                if (data[pos + 2 * k] == 0 && data[pos + 2 * k + 1] == 0) return true;
-        }
-        return false;
-    }
-};
-
 bool parseTrailer(const char* bytes, uint64_t length, BinaryList* list) {
     if (length < 8 + 32 || std::memcmp(bytes, "bplist00", 8) != 0) return false;
     list->data = reinterpret_cast<const unsigned char*>(bytes);
@@ -123,6 +29,16 @@ bool parseTrailer(const char* bytes, uint64_t length, BinaryList* list) {
     if (list->objectCount > (list->dataEnd - list->offsetTable) / list->offsetSize) return false;
     return true;
 }
+
+namespace {
+
+// The installed parser copies an object once for every reference to it, so a small binary
+// list whose containers share references nests into a tree of exponential size. Lists
+// whose tree would exceed this many nodes (or four per input byte, whichever is larger) are
+// refused. A list where only leaves are shared builds at most one node per reference, and
+// every reference takes at least one byte, so real lists stay far below the bound.
+constexpr uint64_t kMinNodeBudget = uint64_t(1) << 20;
+constexpr uint64_t kNodesPerByte = 4;
 
 // Walks the object graph from the top object without recursion and reports the size and
 // depth of the tree the parser would build. A reference cycle (which the parser refuses

@@ -118,6 +118,12 @@ bool SQliteLiveView::load(SQliteDbUtil& db, const QString& path, bool mainFileOn
 
 SQliteLoader::Report SQliteLiveView::open(SQliteDbUtil& db, const QString& path, SQliteLoader::Mode mode,
                                           bool mainFileOnly) {
+    return open(db, path, logPath(path), journalPath(path), mode, mainFileOnly);
+}
+
+SQliteLoader::Report SQliteLiveView::open(SQliteDbUtil& db, const QString& path, const QString& logFile,
+                                          const QString& journalFile, SQliteLoader::Mode mode,
+                                          bool mainFileOnly) {
     m_path = path;
     m_applied = MainFileOnly;
     m_note.clear();
@@ -129,8 +135,8 @@ SQliteLoader::Report SQliteLiveView::open(SQliteDbUtil& db, const QString& path,
     QString imagesPath;
     QMap<quint32, qint64> images;
     qint64 size = QFileInfo(path).size();
-    const QString logFile = logPath(path), journalFile = journalPath(path);
-    const bool haveLog = QFileInfo(logFile).isFile(), haveJournal = QFileInfo(journalFile).isFile();
+    const bool haveLog = !logFile.isEmpty() && QFileInfo(logFile).isFile();
+    const bool haveJournal = !journalFile.isEmpty() && QFileInfo(journalFile).isFile();
     // Why a log or journal that was read is not applied; the view then shows the main file alone.
     const QString alone = QStringLiteral("; the main file alone is read");
     const QString asked = QStringLiteral("left aside as asked");

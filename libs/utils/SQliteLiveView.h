@@ -55,6 +55,10 @@ public:
     // load failed or what it read past.
     SQliteLoader::Report open(SQliteDbUtil& db, const QString& path, SQliteLoader::Mode mode,
                               bool mainFileOnly = false);
+    // The same with the log and the journal read from the files named (an empty name: none),
+    // for a database whose companions are not stored beside it under its own name.
+    SQliteLoader::Report open(SQliteDbUtil& db, const QString& path, const QString& logFile,
+                              const QString& journalFile, SQliteLoader::Mode mode, bool mainFileOnly = false);
     Applied applied() const { return m_applied; }
     // What the view did with what lay beside the database, for the user: empty when nothing did.
     QString note() const { return m_note; }

@@ -1,5 +1,7 @@
 #include "Command.h"
 
+#include "BackupInput.h"
+
 #include <QByteArray>
 #include <QDateTime>
 #include <QFile>
@@ -180,7 +182,8 @@ int runCommand(const Command& command, const QStringList& argv) {
     return command.run(args);
 }
 
-bool checkInputFile(const QString& path) {
+bool checkInputFile(QString& path) {
+    if (!resolveBackupInput(path)) return false;
     const QFileInfo info(path);
     if (!info.exists()) return fail(path + ": no such file"), false;
     if (info.isDir()) return fail(path + ": is a folder, not a file"), false;
@@ -196,6 +199,14 @@ bool isStdio(const QString& path) {
 bool checkOutputFile(const QString& input, const QString& output, bool force) {
     if (isStdio(output)) return true;
     const QFileInfo target(output);
+    // An input inside a backup: the whole backup is evidence, not the input's stored file alone.
+    const QString backup = backupFolder(input);
+    if (!backup.isEmpty()) {
+        const QString root = QFileInfo(backup).canonicalFilePath();
+        const QString folder = QFileInfo(target.absolutePath()).canonicalFilePath();
+        if (folder == root || folder.startsWith(root + '/'))
+            return fail(output + ": is inside the backup that holds the input; it is never written"), false;
+    }
     if (!isStdio(input) && target.exists() &&
         target.canonicalFilePath() == QFileInfo(input).canonicalFilePath())
         return fail(output + ": is the input file; it is never written"), false;

@@ -81,13 +81,14 @@ private:
 };
 
 // Checks that path names a file that can be read; otherwise prints why ("<path>: no such file",
-// "is a folder", "cannot open for reading") and returns false.
-bool checkInputFile(const QString& path);
+// "is a folder", "cannot open for reading") and returns false. A file inside a device backup,
+// DIR::DOMAIN/PATH, is replaced by the file that stores it (see BackupInput.h).
+bool checkInputFile(QString& path);
 
 // Whether path stands for standard input or output: empty or "-".
 bool isStdio(const QString& path);
-// Refuses (printing why) to write output over the input or, without force, over any existing
-// file; standard output is always fine.
+// Refuses (printing why) to write output over the input, into the backup folder of an input
+// DIR::DOMAIN/PATH or, without force, over any existing file; standard output is always fine.
 bool checkOutputFile(const QString& input, const QString& output, bool force);
 
 // One line "utils-inspect: <message>" on stderr; returns code.

@@ -77,15 +77,16 @@ int runClassify(const Args& args) {
     json.beginArray();
     int code = Ok;
     for (const QString& path : args.positional()) {
-        if (!checkInputFile(path)) {
+        QString file = path; // a file in a backup: classified by its name there, read where it is stored
+        if (!checkInputFile(file)) {
             code = Failed;
             continue;
         }
         const int type = OSUtils::getFileType(path);
         const bool silk = OSUtils::isSilk(path);
-        const bool pictureHeader = OSUtils::isPictureMagic(path);
-        const bool videoHeader = OSUtils::isVideoMagic(path);
-        const QString mime = sniffer.mime(path), description = sniffer.description(path);
+        const bool pictureHeader = OSUtils::isPictureMagic(file);
+        const bool videoHeader = OSUtils::isVideoMagic(file);
+        const QString mime = sniffer.mime(file), description = sniffer.description(file);
         if (args.has("--json")) {
             json.beginObject();
             json.member("path", path);

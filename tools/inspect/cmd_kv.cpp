@@ -115,7 +115,7 @@ int readManifest(const QString& dbPath, const QString& fileId, const Args& args)
 }
 
 int runManifest(const Args& args) {
-    const QString dbPath = args.positional().at(0);
+    QString dbPath = args.positional().at(0);
     if (!checkInputFile(dbPath)) return Failed;
 
     const QtMessageHandler previous = qInstallMessageHandler(collectDebug);
@@ -139,7 +139,7 @@ QString mmkvFault(const QByteArray& data, const MMKVParser& store) {
 }
 
 int runMmkv(const Args& args) {
-    const QString path = args.positional().at(0);
+    QString path = args.positional().at(0);
     if (!checkInputFile(path)) return Failed;
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly)) return fail(path + ": cannot open for reading");
@@ -353,7 +353,7 @@ int printField(const UnknownFieldSet& top, const QString& fieldPath, const QStri
 }
 
 int runProtobuf(const Args& args) {
-    const QString path = args.positional().at(0);
+    QString path = args.positional().at(0);
     const QString fieldPath = args.positional().value(1);
     const QString as = args.value("--as", "text");
     const bool hasPath = args.positional().size() > 1;

@@ -31,7 +31,7 @@ void collectMessage(QtMsgType, const QMessageLogContext&, const QString& text) {
 }
 
 // Reads a whole file, or stdin for "" and "-". On failure prints why and returns false.
-bool readInput(const QString& path, QByteArray* data) {
+bool readInput(QString path, QByteArray* data) {
     QFile file;
     if (isStdio(path)) {
         if (!file.open(stdin, QIODevice::ReadOnly)) return fail("cannot read standard input"), false;
@@ -135,9 +135,9 @@ int runDocumentedDuration(const Args& args, const QString& path, const QString& 
 }
 
 int runDuration(const Args& args) {
-    const QString path = args.positional().at(0);
+    QString path = args.positional().at(0);
     if (!checkInputFile(path)) return Failed;
-    const QString name = args.value("--name", QFileInfo(path).fileName());
+    const QString name = args.value("--name", QFileInfo(args.positional().at(0)).fileName());
     const bool silk = OSUtils::isSilk(name);
     const qint64 silkMs = silk ? silkMilliseconds(path) : -1;
     if (silk && silkMs < 0)

@@ -29,7 +29,7 @@ struct Tree {
     ~Tree() { plist_free(static_cast<plist_t>(root)); }
 };
 
-bool load(const QString& command, const QString& path, Tree* tree) {
+bool load(const QString& command, QString& path, Tree* tree) {
     if (!checkInputFile(path)) return false;
     if (PlistUtils::loadFromFile(path, tree->root)) return true;
     fail(QString("%1: %2: not a readable property list (binary or XML)").arg(command, path));
@@ -47,7 +47,7 @@ int printPlist(const QString& command, const QString& path, void* node, void* ob
 }
 
 int runPlist(const Args& args) {
-    const QString path = args.positional().at(0);
+    QString path = args.positional().at(0);
     Tree tree;
     if (!load("plist", path, &tree)) return Failed;
     if (args.has("--documented")) return printJson(PlistUtils::toJson(tree.root)), Ok;
@@ -55,7 +55,7 @@ int runPlist(const Args& args) {
 }
 
 int runArchive(const Args& args) {
-    const QString path = args.positional().at(0);
+    QString path = args.positional().at(0);
     Tree tree;
     if (!load("archive", path, &tree)) return Failed;
     void* const objects = PlistUtils::getNode(tree.root, "$objects");
@@ -138,7 +138,7 @@ qint64 mbdbCut(const QByteArray& data, int* records) {
 }
 
 int runMbdb(const Args& args) {
-    const QString path = args.positional().at(0);
+    QString path = args.positional().at(0);
     if (!checkInputFile(path)) return Failed;
     MbdbUtil index;
     if (!index.loadDb(path))

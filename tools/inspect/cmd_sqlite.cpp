@@ -1,6 +1,7 @@
 // tables, rows, recover, freelist: the raw SQLite reader and deleted-record recovery.
 #include "Command.h"
 
+#include "BackupInput.h"
 #include "RecordWriter.h"
 #include "SQliteDbUtil.h"
 #include "SQliteLiveView.h"
@@ -29,11 +30,12 @@ const char* const kPatternHelp = "PATTERN has one character per column: 0-9 exac
 // it unless --no-wal, reading what the engine reads unless --documented asks for the documented
 // loader. Says on stderr what it did with the log or journal and what it read past; on failure
 // prints why and returns false.
-bool openDb(SQliteDbUtil& db, const QString& path, SQliteLiveView& view, const Args& args,
+bool openDb(SQliteDbUtil& db, QString path, SQliteLiveView& view, const Args& args,
             SQliteLoader::Report* loaded = nullptr) {
     if (!checkInputFile(path)) return false;
     const SQliteLoader::Report report =
-        view.open(db, path, args.has("--documented") ? SQliteLoader::Documented : SQliteLoader::LikeTheEngine,
+        view.open(db, path, companionFile(path, "-wal"), companionFile(path, "-journal"),
+                  args.has("--documented") ? SQliteLoader::Documented : SQliteLoader::LikeTheEngine,
                   args.has("--no-wal"));
     if (!view.note().isEmpty()) note(view.note());
     for (const QString& tolerated : report.tolerated)
@@ -520,19 +522,20 @@ int runFreelist(const Args& args) {
 // The frames of the write-ahead log beside DB (or the records of its rollback journal), with the
 // table or index that owns each page in the database as the engine would see it.
 int runWal(const Args& args) {
-    const QString path = args.positional().at(0);
+    QString path = args.positional().at(0);
     if (!checkInputFile(path)) return Failed;
+    const QString logFile = companionFile(path, "-wal"), journalFile = companionFile(path, "-journal");
     SQliteDbUtil db;
     SQliteLiveView view;
-    const bool loaded = view.load(db, path);
-    const bool isLog = QFileInfo(SQliteLiveView::logPath(path)).isFile();
-    const bool isJournal = !isLog && QFileInfo(SQliteLiveView::journalPath(path)).isFile();
+    const bool loaded = view.open(db, path, logFile, journalFile, SQliteLoader::Documented).ok();
+    const bool isLog = !logFile.isEmpty() && QFileInfo(logFile).isFile();
+    const bool isJournal = !isLog && !journalFile.isEmpty() && QFileInfo(journalFile).isFile();
     if (!isLog && !isJournal)
         return fail(path + ": no write-ahead log (-wal) or journal (-journal) beside it");
     if (isLog && view.log().frames.isEmpty() && !view.log().error().isEmpty())
-        return fail(SQliteLiveView::logPath(path) + ": " + view.log().error());
+        return fail(logFile + ": " + view.log().error());
     if (isJournal && view.journal().records.isEmpty())
-        return fail(SQliteLiveView::journalPath(path) + ": " + view.journal().error());
+        return fail(journalFile + ": " + view.journal().error());
     QMap<int, QString> owners;
     QSet<int> freePages;
     if (loaded) {
@@ -552,7 +555,7 @@ int runWal(const Args& args) {
         writer.line(
             QString("%1: magic 0x%2 (%3-endian checksums), format %4, pages of %5 bytes, checkpoint %6, "
                     "salts 0x%7 0x%8, header checksum %9")
-                .arg(SQliteLiveView::logPath(path))
+                .arg(logFile)
                 .arg(h.magic, 8, 16, QChar('0'))
                 .arg(log.bigEndianChecksums() ? "big" : "little")
                 .arg(h.formatVersion)
@@ -597,7 +600,7 @@ int runWal(const Args& args) {
         writer.line(
             QString("%1: %2, %3 records, database of %4 pages before the transaction, sectors of %5 bytes, "
                     "pages of %6 bytes")
-                .arg(SQliteLiveView::journalPath(path))
+                .arg(journalFile)
                 .arg(journal.isHot() ? "hot (an unfinished transaction)"
                                      : "header gone (a finished transaction)")
                 .arg(journal.records.size())

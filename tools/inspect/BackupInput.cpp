@@ -1,0 +1,92 @@
+#include "BackupInput.h"
+
+#include "Command.h"
+#include "DeviceBackup.h"
+
+#include <QFileInfo>
+#include <QHash>
+
+#include <algorithm>
+
+namespace inspect {
+
+namespace {
+
+// Stored file of a resolved input: the stored files of its log and journal.
+QHash<QString, QPair<QString, QString>>& companions() {
+    static QHash<QString, QPair<QString, QString>> resolved;
+    return resolved;
+}
+
+// Where the "::" after the backup folder stands in path; -1 when path names no file in a backup.
+int backupSeparator(const QString& path) {
+    int separator = path.indexOf("::");
+    while (separator > 0 && !QFileInfo(path.left(separator)).isDir())
+        separator = path.indexOf("::", separator + 1);
+    return separator > 0 ? separator : -1;
+}
+
+} // namespace
+
+QString backupFolder(const QString& path) {
+    const int separator = backupSeparator(path);
+    return separator < 0 ? QString() : path.left(separator);
+}
+
+bool resolveBackupInput(QString& path) {
+    const int separator = backupSeparator(path);
+    if (separator < 0) return true;
+    const QString folder = path.left(separator), name = path.mid(separator + 2);
+    const int slash = name.indexOf('/');
+    const QString domain = name.left(slash), inside = slash < 0 ? QString() : name.mid(slash + 1);
+    DeviceBackup backup;
+    if (!backup.open(folder)) return fail(folder + ": " + backup.error()), false;
+    const QString what = printable(path);
+    if (backup.info().encrypted)
+        return fail(what + ": the backup is encrypted, its stored files are cipher text, and decryption is "
+                           "not supported"),
+               false;
+    const DeviceBackup::Entry* entry = backup.find(domain, inside);
+    if (!entry) return fail(what + ": not in the backup's index"), false;
+    if (!entry->problem.isEmpty()) return fail(what + ": refused: " + entry->problem), false;
+    if (entry->kind == DeviceBackup::Folder) return fail(what + ": is a folder, not a file"), false;
+    if (entry->kind == DeviceBackup::Link)
+        return fail(what + ": is a link to " + printable(entry->linkTarget) + ", which is not followed"),
+               false;
+    if (!entry->present())
+        return fail(QString("%1: its stored file %2 is not in the backup")
+                        .arg(what, printable(entry->fileId))),
+               false;
+    auto companion = [&](const char* suffix) {
+        const DeviceBackup::Entry* e = backup.find(domain, inside + suffix);
+        return e && e->problem.isEmpty() && e->present() && e->kind != DeviceBackup::Folder &&
+                       e->kind != DeviceBackup::Link
+                   ? backup.storedFile(*e)
+                   : QString();
+    };
+    path = backup.storedFile(*entry);
+    companions().insert(path, {companion("-wal"), companion("-journal")});
+    return true;
+}
+
+QString companionFile(const QString& path, const QString& suffix) {
+    const auto it = companions().constFind(path);
+    if (it == companions().constEnd()) return path + suffix;
+    return suffix == "-wal" ? it->first : suffix == "-journal" ? it->second : QString();
+}
+
+QString printable(const QString& text) {
+    if (std::none_of(text.begin(), text.end(), [](QChar c) { return c.category() == QChar::Other_Control; }))
+        return text;
+    QString shown;
+    shown.reserve(text.size());
+    for (const QChar c : text) {
+        if (c.category() == QChar::Other_Control)
+            shown += QString("\\x%1").arg(c.unicode(), 2, 16, QLatin1Char('0'));
+        else
+            shown += c;
+    }
+    return shown;
+}
+
+} // namespace inspect
