@@ -461,6 +461,7 @@ struct SQliteRecovery::Private {
 
     // Tables
     void addTarget(const QString& name, const SQliteSchema::Table& schema, qint64 root, bool isDropped);
+    void addIndexTarget(const SQliteSchema::Object& index);
     bool buildTargets();
     void loadPages();
     void findOldTrees();
@@ -621,6 +622,46 @@ void SQliteRecovery::Private::addTarget(const QString& name, const SQliteSchema:
     targets.push_back(std::move(t));
 }
 
+// An index as a table of its own, never reported: its columns, then the rowid (or the key of a
+// table without rowid), as its records hold them.
+void SQliteRecovery::Private::addIndexTarget(const SQliteSchema::Object& index) {
+    const SQliteSchema::Object* owner = nullptr;
+    for (const SQliteSchema::Object& o : live)
+        if (o.type == QLatin1String("table") && o.name == index.tableName && o.table.ok) owner = &o;
+    const QStringList names = SQliteSchema::indexColumns(index.sql);
+    if (!owner || names.isEmpty()) return;
+    SQliteSchema::Table shape;
+    shape.name = index.name;
+    shape.ok = true;
+    shape.withoutRowid = true; // index b-tree cells: a payload, no rowid of their own
+    QList<int> used;
+    auto add = [&](int column) {
+        SQliteSchema::Column c;
+        if (column >= 0) c = owner->table.columns.at(column);
+        c.primaryKey = false;
+        c.notNull = false;
+        c.generated = SQliteSchema::NotGenerated;
+        c.storage = shape.columns.size();
+        if (column >= 0) used << column;
+        shape.columns.append(c);
+    };
+    for (const QString& name : names)
+        add(name.isEmpty() ? -1 : owner->table.columnIndex(name));
+    if (owner->table.withoutRowid) {
+        for (int key : owner->table.primaryKey)
+            if (!used.contains(key)) add(key);
+    } else {
+        SQliteSchema::Column rowid;
+        rowid.name = QStringLiteral("rowid");
+        rowid.declaredType = QStringLiteral("INTEGER");
+        rowid.affinity = SQliteSchema::IntegerAffinity;
+        rowid.notNull = true;
+        rowid.storage = shape.columns.size();
+        shape.columns.append(rowid);
+    }
+    addTarget(index.name, shape, index.rootPage, false);
+}
+
 // Every table a record may belong to: the live ones, then the dropped ones.
 bool SQliteRecovery::Private::buildTargets() {
     targets.clear();
@@ -633,6 +674,9 @@ bool SQliteRecovery::Private::buildTargets() {
             addTarget(o.name, o.table, o.rootPage, false);
     for (const auto& t : targets)
         t->wanted = all || t->name == tableName;
+    // The indexes too: a freed index page holds their records, which are no table's rows.
+    for (const SQliteSchema::Object& o : live)
+        if (o.type == QLatin1String("index") && o.rootPage > 0 && !o.sql.isEmpty()) addIndexTarget(o);
     loadPages();
     findDropped();
     for (const SQliteSchema::Object& o : dropped)

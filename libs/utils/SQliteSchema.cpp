@@ -522,6 +522,26 @@ SQliteSchema::Table SQliteSchema::parseCreateTable(const QString& sql) {
     return table;
 }
 
+QStringList SQliteSchema::indexColumns(const QString& sql) {
+    const Tokens t = tokenize(sql);
+    int i = 0;
+    if (!t[i++].is("CREATE")) return {};
+    if (t[i].is("UNIQUE")) ++i;
+    if (!t[i++].is("INDEX")) return {};
+    while (t[i].kind != End && t[i].kind != Open)
+        ++i;
+    int close = -1;
+    QStringList columns;
+    for (const Span& part : splitGroup(t, i, &close)) {
+        // A name, perhaps with COLLATE and an order; anything else is an expression.
+        const bool named = !part.empty() && t[part.from].isName() &&
+                           (part.to == part.from + 1 || t[part.from + 1].is("COLLATE") ||
+                            t[part.from + 1].is("ASC") || t[part.from + 1].is("DESC"));
+        columns << (named ? t[part.from].text : QString());
+    }
+    return close < 0 ? QStringList() : columns;
+}
+
 QList<SQliteSchema::Object> SQliteSchema::read(SQliteDbUtil& db) {
     QList<Object> objects;
     Object master;

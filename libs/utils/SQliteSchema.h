@@ -72,6 +72,9 @@ public:
 
     // Understands one CREATE TABLE (or CREATE VIRTUAL TABLE) statement.
     static Table parseCreateTable(const QString& sql);
+    // The columns a CREATE INDEX statement indexes, in its order, an expression as an empty
+    // name; empty when the statement cannot be read.
+    static QStringList indexColumns(const QString& sql);
     // SQLite's affinity rules on a declared type: INT, then CHAR, CLOB or TEXT, then BLOB or no
     // type, then REAL, FLOA or DOUB; anything else is NUMERIC. A STRICT table's ANY has none.
     static Affinity affinityOf(const QString& declaredType);
