@@ -2,23 +2,6 @@
 
 namespace sqlitefmt {
 
-void readRecordHeader(const uchar* payload, qint64 size, RecordHeader& out) {
-    out.types.clear();
-    const Varint head = readVarint(payload, size);
-    out.size = qint64(head.value);
-    out.sizeLength = head.length;
-    qint64 at = head.length;
-    bool whole = head.complete;
-    while (at < out.size && at < size) {
-        const Varint type = readVarint(payload + at, size - at);
-        out.types.push_back(qint64(type.value));
-        whole = whole && type.complete;
-        at += type.length;
-    }
-    out.typesEnd = at;
-    out.wellFormed = whole && head.length > 0 && at == out.size;
-}
-
 qint64 localPayload(qint64 payload, qint64 usable, bool table) {
     const qint64 maxLocal = table ? usable - 35 : (usable - 12) * 64 / 255 - 23;
     if (payload <= maxLocal) return payload;

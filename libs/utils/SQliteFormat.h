@@ -168,7 +168,30 @@ struct RecordHeader {
     qint64 typesEnd = 0;
     bool wellFormed = false; // every varint whole, and the serial types fill the header exactly
 };
-void readRecordHeader(const uchar* payload, qint64 size, RecordHeader& out);
+// The same reading with each serial type handed to push(type) instead of kept; returns where
+// the serial types ended, and sets size and whether the header is well formed.
+template <typename Push>
+inline qint64 readRecordHeader(const uchar* payload, qint64 size, qint64* headerSize, bool* wellFormed,
+                               Push push) {
+    const Varint head = readVarint(payload, size);
+    *headerSize = qint64(head.value);
+    qint64 at = head.length;
+    bool whole = head.complete;
+    while (at < *headerSize && at < size) {
+        const Varint type = readVarint(payload + at, size - at);
+        push(qint64(type.value));
+        whole = whole && type.complete;
+        at += type.length;
+    }
+    *wellFormed = whole && head.length > 0 && at == *headerSize;
+    return at;
+}
+inline void readRecordHeader(const uchar* payload, qint64 size, RecordHeader& out) {
+    out.types.clear();
+    out.sizeLength = readVarint(payload, size).length;
+    out.typesEnd = readRecordHeader(payload, size, &out.size, &out.wellFormed,
+                                    [&out](qint64 type) { out.types.push_back(type); });
+}
 
 // The bytes a value of a serial type takes: none for NULL, 0, 1, the reserved 10 and 11, and
 // anything below 0.

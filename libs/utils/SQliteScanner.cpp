@@ -25,10 +25,9 @@ struct SQliteScanner::Private {
     ProgressCallback progress;
     std::vector<int> types;
     QByteArray payload;
-    sqlitefmt::RecordHeader header;
     RecordView view;
 
-    bool decodeCell(SQliteSource& src, qint64 pos, RecordView& out);
+    bool decodeCell(SQliteSource& src, const sqlitefmt::Geometry& g, qint64 pos, RecordView& out);
     void readPayload(qint64 rowid, const uchar* p, qint64 n, RecordView& out);
     // A block by position in the file: the unallocated gap or a freeblock of a page.
     struct Span {
@@ -79,8 +78,8 @@ QList<QVariant> SQliteScanner::RecordView::record() const {
 // The cell at pos as the documented fetchRecordInPage reads it: its payload (the local part,
 // then every overflow page whole) is copied into the scanner, so that a view outlives later
 // reads of the reader.
-bool SQliteScanner::Private::decodeCell(SQliteSource& src, qint64 pos, RecordView& out) {
-    const sqlitefmt::Geometry g = sqliteGeometry(db);
+bool SQliteScanner::Private::decodeCell(SQliteSource& src, const sqlitefmt::Geometry& g, qint64 pos,
+                                        RecordView& out) {
     qint64 got = 0;
     ByteCursor head = src.cursor(pos, 18);
     int n = 0;
@@ -115,12 +114,12 @@ void SQliteScanner::Private::readPayload(qint64 rowid, const uchar* p, qint64 n,
     out.m_payloadSize = n;
     out.m_types.clear();
     out.m_starts.clear();
-    sqlitefmt::readRecordHeader(p, n, header);
     // Serial types are narrowed to 32 bits, and values follow them directly: the documented
     // reading does not use the header size to reposition.
-    for (qint64 type : header.types)
-        out.m_types.push_back(narrow32(type));
-    qint64 at = header.typesEnd;
+    qint64 headerSize = 0;
+    bool wellFormed = false;
+    qint64 at = sqlitefmt::readRecordHeader(p, n, &headerSize, &wellFormed,
+                                            [&out](qint64 type) { out.m_types.push_back(narrow32(type)); });
     out.m_starts.push_back(at);
     for (int type : out.m_types) {
         at += std::min(sqlitefmt::valueLength(type), std::max<qint64>(0, n - at));
@@ -131,22 +130,23 @@ void SQliteScanner::Private::readPayload(qint64 rowid, const uchar* p, qint64 n,
 QList<QVariant> SQliteScanner::recordAt(int page, unsigned short offset) {
     const auto it = d->db.pages.constFind(page);
     if (it == d->db.pages.constEnd() || it->type != sqlitefmt::TableLeaf) return {};
+    const sqlitefmt::Geometry g = sqliteGeometry(d->db);
     SQliteSource& src = sqliteSource(d->db);
-    const qint64 pos = wrapped32Position(sqliteGeometry(d->db).pageSize, page, offset);
+    const qint64 pos = wrapped32Position(g.pageSize, page, offset);
     if (!src.canSeek(pos)) return {};
-    d->decodeCell(src, pos, d->view);
+    d->decodeCell(src, g, pos, d->view);
     return d->view.record();
 }
 
 bool SQliteScanner::Private::walkPage(int page, const ViewCallback& callback) {
     const auto it = db.pages.constFind(page);
     if (it == db.pages.constEnd() || it->type != sqlitefmt::TableLeaf) return true;
-    const qint64 pageSize = sqliteGeometry(db).pageSize;
+    const sqlitefmt::Geometry g = sqliteGeometry(db);
     SQliteSource& src = sqliteSource(db);
     for (quint16 offset : it->cellOffsets) {
-        const qint64 pos = wrapped32Position(pageSize, page, offset);
+        const qint64 pos = wrapped32Position(g.pageSize, page, offset);
         if (!src.canSeek(pos)) continue;
-        decodeCell(src, pos, view);
+        decodeCell(src, g, pos, view);
         // A record without a value is no record.
         if (view.size() >= 1 && !callback(view)) return false;
     }
@@ -185,7 +185,15 @@ namespace {
 // A varint read straight from a block, as the stream reader would read it there: 0 with length 0
 // at the end, the bits so far when cut short.
 inline qint64 varintAt(const uchar* data, qint64 size, qint64 pos, int* len) {
-    const sqlitefmt::Varint v = readVarint(data + std::min(pos, size), size - std::min(pos, size));
+    if (pos >= size) {
+        *len = 0;
+        return 0;
+    }
+    if (data[pos] < 0x80) {
+        *len = 1;
+        return data[pos];
+    }
+    const sqlitefmt::Varint v = readVarint(data + pos, size - pos);
     *len = v.length;
     return qint64(v.value);
 }

@@ -23,6 +23,8 @@ const uchar kNothing[SQliteSource::kPadding + 1] = {};
 
 bool SQliteSource::attach(QIODevice* device) {
     const bool open = device && device->isOpen() && device->isReadable();
+    // The same device in the same state as last time: nothing to find out again.
+    if (device == m_device && open == m_open && (m_sized || !open)) return open;
     int fd = -1;
 #ifdef Q_OS_UNIX
     // A file is read with pread, unless it is a view whose pages come from elsewhere.
