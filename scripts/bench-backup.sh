@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Times the listing of a device backup: `utils-inspect backup DIR` (the summary, which reads the
 # whole index) and `--list` as text, --json and --csv, on a backup of N entries (default 100000)
-# made by tests/make_backup.py, every file stored. Prints the best elapsed time of three runs each.
+# made by scripts/corpus/make_backup.py, every file stored. Prints the best elapsed time of three runs each.
 #
 #   scripts/bench-backup.sh [--entries N]
 #
@@ -17,11 +17,11 @@ export BUILD_DIR="${BUILD_DIR:-build-release}" BUILD_TYPE="${BUILD_TYPE:-Release
 scripts/build.sh -DUTILS_BUILD_TESTS=OFF -DUTILS_BUILD_BENCH=OFF >/dev/null
 
 backup="$BUILD_DIR/corpus/backup-$entries"
-stamp="$(cat tests/make_backup.py bench/make_corpus.py | sha1sum | cut -c1-12)-$entries"
+stamp="$(cat scripts/corpus/make_backup.py bench/make_corpus.py | sha1sum | cut -c1-12)-$entries"
 if [ ! -f "$backup/Manifest.db" ] || [ "$(cat "$backup.stamp" 2>/dev/null)" != "$stamp" ]; then
   echo "making a backup of $entries entries..." >&2
   rm -rf "$backup"
-  python3 tests/make_backup.py bench "$backup" --entries "$entries" >&2
+  python3 scripts/corpus/make_backup.py bench "$backup" --entries "$entries" >&2
   echo "$stamp" > "$backup.stamp"
 fi
 

@@ -99,11 +99,11 @@ inline QByteArray wavFile(quint32 rate, quint32 samples) {
            QByteArray(int(samples), '\x80');
 }
 
-// The device backups made by tests/make_backup.py in folder: db/ (Manifest.db), mbdb/
+// The device backups made by scripts/corpus/make_backup.py in folder: db/ (Manifest.db), mbdb/
 // (Manifest.mbdb), encrypted/. False, with a failure recorded, when the generator fails.
 inline bool makeBackups(const QString& folder) {
     QProcess p;
-    p.start("python3", {QString(UTILS_SOURCE_DIR) + "/tests/make_backup.py", "cases", folder});
+    p.start("python3", {QString(UTILS_SOURCE_DIR) + "/scripts/corpus/make_backup.py", "cases", folder});
     const bool ok = p.waitForFinished(120000) && p.exitStatus() == QProcess::NormalExit && p.exitCode() == 0;
     EXPECT_TRUE(ok) << "make_backup.py: " << p.readAllStandardError().toStdString();
     return ok;

@@ -1,4 +1,4 @@
-// Device backups made by tests/make_backup.py (Python's sqlite3 and plistlib), read by the library
+// Device backups made by scripts/corpus/make_backup.py (Python's sqlite3 and plistlib), read by the library
 // and by utils-inspect: both index formats, missing and unindexed stored files, a database with a
 // -wal sibling, and hostile entries, which must never lead a write out of the extraction folder.
 #include "DeviceBackup.h"
@@ -26,7 +26,7 @@ protected:
     }
     static void TearDownTestSuite() { delete dir; }
     void SetUp() override {
-        if (!ready) GTEST_SKIP() << "no generated backups";
+        ASSERT_TRUE(ready) << "the backups could not be generated";
     }
     static QString backup(const char* name) { return dir->filePath(QString("cases/") + name); }
     static QTemporaryDir* dir;

@@ -1,7 +1,7 @@
 // Examined files are only ever read: every reader of the library and every reading command of
 // utils-inspect runs over real files in a folder of their own, and afterwards each file's bytes and
 // modification time and the folder's listing must be as before (no -journal, -wal, -shm or lock
-// file). A new reader, command or file is one row. The device backups (tests/make_backup.py) are
+// file). A new reader, command or file is one row. The device backups (scripts/corpus/make_backup.py) are
 // checked file by file, down their folders.
 #include "SqliteFixtures.h"
 #include "ToolRun.h"

@@ -32,7 +32,7 @@ import tempfile
 from datetime import datetime
 from random import Random
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "bench"))
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "bench"))
 from make_corpus import rewrite_wal_salts  # noqa: E402
 
 BACKUP_DATE = datetime(2024, 3, 1, 12, 30, 0)  # plistlib writes naive datetimes as UTC
