@@ -148,6 +148,16 @@ TEST(SQliteRecovery, OverflowChainsAreReassembledOrReportedPartial) {
         db.exec(QString("INSERT INTO t VALUES (1, 'short'), (2, '%1'), (3, 'after')").arg(longText));
         db.exec("DELETE FROM t WHERE id = 2");
     }
+    // Without a free list, the first overflow page freed becomes its trunk: the chain stops
+    // there, before the trunk's page numbers could be read as text.
+    const QString trunk = dir.filePath("trunk.db");
+    {
+        EngineDb db(trunk);
+        db.exec("PRAGMA page_size=1024; PRAGMA secure_delete=OFF; CREATE TABLE t (id INTEGER PRIMARY KEY, "
+                "body TEXT);");
+        db.exec(QString("INSERT INTO t VALUES (1, 'short'), (2, '%1'), (3, 'after')").arg(longText));
+        db.exec("DELETE FROM t WHERE id = 2");
+    }
     const QString copy = dir.filePath("reused.db");
     QFile::copy(path, copy);
     {
@@ -155,7 +165,7 @@ TEST(SQliteRecovery, OverflowChainsAreReassembledOrReportedPartial) {
         EngineDb db(copy, false);
         db.exec(QString("CREATE TABLE u (x); INSERT INTO u VALUES ('%1')").arg(QString(3000, QChar('y'))));
     }
-    for (const QString& p : {path, copy}) {
+    for (const QString& p : {path, copy, trunk}) {
         const Records records = recoverRecords(p, "t", nullptr, false);
         ASSERT_EQ(records.size(), 1) << p.toStdString();
         const SQliteRecovery::Record& r = records.first();
@@ -260,4 +270,152 @@ TEST(SQliteRecovery, CandidatesAreHeldBackForEachReason) {
     EXPECT_EQ(records.first().offset, 604);
     EXPECT_FALSE(records.first().rowidKnown);
     EXPECT_EQ(records.first().values, (QList<QVariant>{QVariant(), "hello", qlonglong(42), 1.5}));
+}
+
+namespace {
+
+// The deleted rows of a table as the engine held them, keyed by their first value.
+QMap<QString, QList<QVariant>> keyed(const QList<QList<QVariant>>& rows) {
+    QMap<QString, QList<QVariant>> map;
+    for (const QList<QVariant>& row : rows)
+        map.insert(row.first().toString(), row);
+    return map;
+}
+
+} // namespace
+
+TEST(SQliteRecovery, OverwrittenStartsAreRebuiltWithoutARowidAlias) {
+    // Declared columns, small rowids, no rowid alias: a freeblock header covers the payload
+    // length, the rowid, the header size and the first serial type of every freed cell.
+    QTemporaryDir dir;
+    const QString path = dir.filePath("plain.db");
+    struct Table {
+        const char* name;
+        const char* create;
+        const char* rows; // rows inserted, one statement
+        const char* gone; // which are deleted
+    };
+    const QList<Table> tables = {
+        {"people", "CREATE TABLE people (name TEXT, age INT, city TEXT)",
+         "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 60) "
+         "INSERT INTO people SELECT printf('person %d', i), 20 + i, printf('town %d', i % 7) FROM n",
+         "rowid % 5 = 2"},
+        {"keyed", "CREATE TABLE keyed (code TEXT PRIMARY KEY, n INT, note TEXT) WITHOUT ROWID",
+         "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 60) "
+         "INSERT INTO keyed SELECT printf('code-%03d', i), i * 1000, printf('note %d', i) FROM n",
+         "n % 5000 = 2000"},
+    };
+    QMap<QString, QMap<QString, QList<QVariant>>> deleted;
+    {
+        EngineDb db(path);
+        db.exec("PRAGMA page_size=1024; PRAGMA secure_delete=OFF;");
+        for (const Table& t : tables) {
+            db.exec(t.create);
+            db.exec(t.rows);
+            deleted[t.name] = keyed(db.rows(QString("SELECT * FROM %1 WHERE %2").arg(t.name, t.gone)));
+            db.exec(QString("DELETE FROM %1 WHERE %2").arg(t.name, t.gone));
+        }
+    }
+    for (const Table& t : tables) {
+        QSet<QString> found;
+        int rebuilt = 0;
+        for (const SQliteRecovery::Record& r : recoverRecords(path, t.name, nullptr, false)) {
+            const QString key = r.values.first().toString();
+            ASSERT_TRUE(deleted[t.name].contains(key)) << t.name << ": " << key.toStdString();
+            EXPECT_EQ(r.values, deleted[t.name].value(key)) << t.name << ": " << key.toStdString();
+            EXPECT_EQ(r.table, QString(t.name));
+            EXPECT_FALSE(r.dropped);
+            EXPECT_FALSE(found.contains(key));
+            found.insert(key);
+            if (!r.rebuilt.isEmpty()) ++rebuilt;
+        }
+        // Every freed cell lost its start; all of them come back.
+        EXPECT_EQ(found.size(), deleted[t.name].size()) << t.name;
+        EXPECT_GT(rebuilt, 0) << t.name;
+    }
+}
+
+TEST(SQliteRecovery, DroppedTablesComeBackUnderTheirOwnNames) {
+    QTemporaryDir dir;
+    const QString path = dir.filePath("dropped.db");
+    QMap<QString, QList<QVariant>> users;
+    {
+        EngineDb db(path);
+        db.exec("PRAGMA page_size=1024; PRAGMA secure_delete=OFF;"
+                "CREATE TABLE users (id INTEGER PRIMARY KEY, handle TEXT, joined INT, score REAL);"
+                "CREATE TABLE members (id INTEGER PRIMARY KEY, handle TEXT, joined INT, score REAL);"
+                "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 80) "
+                "INSERT INTO users SELECT i, printf('user_%d', i), 1600000000 + i, i / 4.0 FROM n;"
+                "INSERT INTO members VALUES (1, 'still here', 1700000000, 0.5);");
+        users = keyed(db.rows("SELECT handle, id, joined, score FROM users"));
+        db.exec("DROP TABLE users");
+    }
+    SQliteDbUtil db;
+    ASSERT_TRUE(db.loadDb(path));
+    SQliteRecovery recovery(db);
+    const QList<SQliteSchema::Object> dropped = recovery.droppedObjects();
+    ASSERT_EQ(dropped.size(), 1);
+    EXPECT_EQ(dropped.first().name, QString("users"));
+    EXPECT_TRUE(dropped.first().sql.startsWith("CREATE TABLE users"));
+    EXPECT_EQ(recovery.columnNames("users"), (QStringList{"id", "handle", "joined", "score"}));
+
+    // Asked for by name, or found among all tables: the rows are the users', never the members'.
+    ASSERT_TRUE(recovery.setTable("users"));
+    QSet<QString> found;
+    for (const SQliteRecovery::Record& r : recovery.recover()) {
+        const QString handle = r.values.value(1).toString();
+        ASSERT_TRUE(users.contains(handle)) << handle.toStdString();
+        const QList<QVariant> row = users.value(handle);
+        EXPECT_EQ(r.values.mid(1), (QList<QVariant>{handle, row.at(2), row.at(3)}));
+        EXPECT_TRUE(r.dropped);
+        EXPECT_EQ(r.table, QString("users"));
+        found.insert(handle);
+    }
+    EXPECT_EQ(found.size(), users.size());
+    recovery.setAllTables();
+    int members = 0, ofUsers = 0;
+    for (const SQliteRecovery::Record& r : recovery.recover()) {
+        members += r.table == "members";
+        ofUsers += r.table == "users" && r.dropped;
+    }
+    EXPECT_EQ(members, 0);
+    EXPECT_EQ(ofUsers, users.size());
+}
+
+TEST(SQliteRecovery, RowsOnPagesNoTableOwnsNameEveryTableTheyFit) {
+    // Two tables of the same shape: a row on a freed page fits both, and says so.
+    QTemporaryDir dir;
+    const QString path = dir.filePath("twins.db");
+    {
+        EngineDb db(path);
+        db.exec("PRAGMA page_size=1024; PRAGMA secure_delete=OFF; CREATE TABLE x (a TEXT, b TEXT);"
+                "CREATE TABLE y (c TEXT, d TEXT); INSERT INTO y VALUES ('live', 'row');"
+                "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 100) "
+                "INSERT INTO x SELECT printf('first %d', i), printf('second %d', i) FROM n;"
+                "DELETE FROM x WHERE rowid > 20;");
+    }
+    SQliteDbUtil db;
+    ASSERT_TRUE(db.loadDb(path));
+    SQliteRecovery recovery(db);
+    recovery.setAllTables();
+    int onFreePages = 0;
+    for (const SQliteRecovery::Record& r : recovery.recover()) {
+        ASSERT_EQ(r.values.size(), 2);
+        if (r.region != SQliteRecovery::FreePage) {
+            // A leaf's freed cells are its own table's. (The root's gap also holds cells that
+            // the root's interior cells overwrote when the table was taller: not checked here.)
+            EXPECT_EQ(r.table, QString("x"));
+            EXPECT_TRUE(r.ambiguous.isEmpty());
+            continue;
+        }
+        ++onFreePages;
+        const int id = r.values.first().toString().mid(6).toInt();
+        EXPECT_EQ(r.values, (QList<QVariant>{QString("first %1").arg(id), QString("second %1").arg(id)}));
+        EXPECT_GT(id, 20);
+        QStringList fits = r.ambiguous;
+        fits << r.table;
+        fits.sort();
+        EXPECT_EQ(fits, (QStringList{"x", "y"}));
+    }
+    EXPECT_GT(onFreePages, 0);
 }

@@ -297,6 +297,19 @@ int varintLength(quint64 v) {
     return n;
 }
 
+// The serial type SQLite gives an integer: the narrowest that holds it, or with constants the
+// types 8 and 9 for 0 and 1 (schema format 4).
+qint64 smallestIntegerType(qint64 v, bool constants) {
+    if (constants && (v == 0 || v == 1)) return 8 + v;
+    const quint64 u = v < 0 ? ~quint64(v) : quint64(v);
+    return u <= 127                ? 1
+           : u <= 32767            ? 2
+           : u <= 8388607          ? 3
+           : u <= 2147483647       ? 4
+           : u <= 0x7FFFFFFFFFFFLL ? 5
+                                   : 6;
+}
+
 qint64 be16(const uchar* p) {
     return qint64(get16(p));
 }
@@ -335,6 +348,22 @@ struct Target {
         if (liveRows.size() < 16 || seen.size() < types.size()) return false;
         for (size_t i = 0; i < types.size(); ++i)
             if (int(i) != alias && !(seen[i] & (1u << typeClass(types[i])))) return false;
+        return true;
+    }
+    // The one serial type each column's live values other than NULL all have (text or blobs of
+    // one length: codes, keys, identifiers), -1 when they differ, -2 when there are none.
+    std::vector<qint64> fixedType;
+    void tally(int column, qint64 type) {
+        seen[size_t(column)] |= quint16(1u << typeClass(type));
+        qint64& fixed = fixedType[size_t(column)];
+        if (type != 0 && fixed != -1) fixed = fixed == -2 || fixed == type ? type : -1;
+    }
+    // A usual reading whose values also have their column's one serial type, where it has one.
+    bool typical(const std::vector<qint64>& types) const {
+        if (!usual(types)) return false;
+        for (size_t i = 0; i < types.size(); ++i)
+            if (int(i) != alias && fixedType[i] >= 0 && types[i] != 0 && types[i] != fixedType[i])
+                return false;
         return true;
     }
     LiveRows liveRows;
@@ -554,6 +583,9 @@ QStringList SQliteRecovery::columnNames(const QString& table) const {
     QStringList names;
     for (const auto& t : d->targets)
         if (t->name == table) return t->schema.columnNames();
+    for (const QList<SQliteSchema::Object>* objects : {&d->live, &d->dropped})
+        for (const SQliteSchema::Object& o : *objects)
+            if (o.type == QLatin1String("table") && o.name == table) return o.table.columnNames();
     return names;
 }
 
@@ -800,6 +832,7 @@ void SQliteRecovery::Private::loadPages() {
         if (t) {
             t->liveRows.reset(t->size(), t->alias);
             t->seen.assign(size_t(t->size()), 0);
+            t->fixedType.assign(size_t(t->size()), -2);
         }
         const int n = t ? t->size() : 0;
         tree.walk(
@@ -825,8 +858,8 @@ void SQliteRecovery::Private::loadPages() {
                         v = SQliteValue();
                     hashes[size_t(i)] = valueHash(v);
                     at += valueLength(type);
-                    if (size_t(i) < header.types.size())
-                        t->seen[size_t(i)] |= quint16(1u << Target::typeClass(header.types[size_t(i)]));
+                    if (size_t(i) < header.types.size() && i != t->alias)
+                        t->tally(i, header.types[size_t(i)]);
                 }
                 t->liveRows.add(t->table ? e.cell.rowid : 0, hashes);
                 return true;
@@ -856,10 +889,16 @@ void SQliteRecovery::Private::findOldTrees() {
         while (!todo.empty()) {
             const qint64 page = todo.back();
             todo.pop_back();
-            if (!isFree(page) || oldTree[size_t(page)] || !seen.insert(page) || !tree.readPage(page, image))
+            if (!isFree(page) || oldTree[size_t(page)] || !seen.insert(page)) continue;
+            // A leaf freed first became the free list's trunk: past the trunk's header and page
+            // numbers it still holds the table's cells.
+            if (trunks[size_t(page)]) {
+                oldTree[size_t(page)] = t->index + 1;
                 continue;
+            }
+            if (!tree.readPage(page, image)) continue;
             const int type = image[0];
-            if (!isBtreePage(type) || isTablePage(type) != t->table || trunks[size_t(page)]) continue;
+            if (!isBtreePage(type) || isTablePage(type) != t->table) continue;
             oldTree[size_t(page)] = t->index + 1;
             if (!isInterior(type)) continue;
             todo.push_back(get32(image.data() + page::RightChild));
@@ -1055,6 +1094,14 @@ void SQliteRecovery::Private::rebuild(const uchar* data, qint64 f, qint64 end, b
                         if (why.contains(kEncoding) || why.contains(kAffinity) || why.contains(kEmpty) ||
                             why.contains(kLayout))
                             continue;
+                        // Text whose length was guessed and that holds NULs has swallowed the
+                        // bytes of other cells.
+                        bool swallowed = false;
+                        for (int i = 0; i < lost && i < found.record.values.size(); ++i)
+                            swallowed =
+                                swallowed || (found.record.values.at(i).type() == QVariant::String &&
+                                              found.record.values.at(i).toString().contains(QChar(0)));
+                        if (swallowed) continue;
                         out.push_back(found);
                     }
                 }
@@ -1209,10 +1256,11 @@ void SQliteRecovery::Private::check(const Candidate& c, const Target& t, Record&
     const Reading& read = reading();
     const std::vector<quint64>& hashes = read.hashes;
     const std::vector<bool>& intact = read.intact;
-    bool empty = true, encodingOk = read.textOk, affinityOk = true;
+    bool empty = true, encodingOk = read.textOk, affinityOk = true, layoutOk = true;
     // A record found by its header alone, or rebuilt to end where another cell starts, must say
-    // enough to be told from noise: two values, or text or a blob of four bytes, and no text of
-    // private-use characters (what stray bytes read as UTF-16 are full of).
+    // enough to be told from noise: two values that take bytes, or text or a blob of four bytes,
+    // NULs not counted, and no text of private-use characters (what stray bytes read as UTF-16
+    // are full of).
     int said = 0;
     for (int i = 0; i < r.values.size(); ++i) {
         const QVariant& v = r.values.at(i);
@@ -1226,7 +1274,8 @@ void SQliteRecovery::Private::check(const Candidate& c, const Target& t, Record&
         case QMetaType::QString: {
             const QString s = v.toString();
             if (!s.isEmpty()) empty = false;
-            said += s.size() >= 4 ? 2 : 1;
+            const int shown = s.size() - s.count(QChar(0));
+            said += shown >= 4 ? 2 : shown > 0 ? 1 : 0;
             if (!c.strong)
                 for (const QChar ch : s)
                     encodingOk = encodingOk && !(ch.unicode() >= 0xE000 && ch.unicode() < 0xF900);
@@ -1241,13 +1290,17 @@ void SQliteRecovery::Private::check(const Candidate& c, const Target& t, Record&
         case QMetaType::QByteArray: {
             // A blob of zero bytes, or nearly, is nothing either.
             const QByteArray b = v.toByteArray();
-            said += b.size() >= 4 ? 2 : 1;
+            said += b.size() >= 4 ? 2 : b.isEmpty() ? 0 : 1;
             if (b.count('\0') * 4 < b.size() * 3) empty = false;
             break;
         }
         case QMetaType::LongLong:
             if (v.toLongLong() != 0) empty = false;
-            ++said;
+            // SQLite stores an integer at its smallest width, and 0 and 1 as constants.
+            if (type >= 1 && type <= 6 &&
+                type != smallestIntegerType(v.toLongLong(), db.header.schemaFormat >= 4))
+                layoutOk = false;
+            said += type == 8 || type == 9 ? 0 : 1; // the constants 0 and 1 take no bytes
             if (a == SQliteSchema::TextAffinity) affinityOk = false;
             break;
         case QMetaType::Double: {
@@ -1265,6 +1318,7 @@ void SQliteRecovery::Private::check(const Candidate& c, const Target& t, Record&
             break;
         }
     }
+    if (!layoutOk && !r.reasons.contains(kLayout)) r.reasons << kLayout;
     if (!encodingOk) r.reasons << kEncoding;
     if (!affinityOk) r.reasons << kAffinity;
     // The rowid of a cell that survived whole says something of its own.
@@ -1402,7 +1456,8 @@ void SQliteRecovery::Private::searchArea(const uchar* data, int pageNo, Region r
             if (readings.empty()) continue;
             // One reading, or several that all give the same values: rebuilt. Of several that
             // differ, the one reading whose every value is of a class its column's live values
-            // have is taken. Otherwise it is held back as ambiguous.
+            // have is taken, or else the one whose values also have the length that all of
+            // their column's live values have. Otherwise it is held back as ambiguous.
             auto sameValues = [](const Record& x, const Record& y) {
                 bool same = x.values.size() == y.values.size();
                 for (int i = 0; i < x.values.size() && same; ++i)
@@ -1417,6 +1472,12 @@ void SQliteRecovery::Private::searchArea(const uchar* data, int pageNo, Region r
                 for (const Found& f : readings)
                     if (tp->usual(f.types) && (usual.empty() || !sameValues(f.record, usual.front().record)))
                         usual.push_back(f);
+                if (usual.size() > 1) {
+                    std::vector<Found> typical;
+                    for (const Found& f : usual)
+                        if (tp->typical(f.types)) typical.push_back(f);
+                    if (typical.size() == 1) usual = typical;
+                }
                 if (usual.size() == 1) {
                     readings = usual;
                     same = true;
@@ -1677,6 +1738,15 @@ QList<SQliteSchema::Object> SQliteRecovery::droppedObjects() {
     }
     QList<SQliteSchema::Object> objects = d->dropped;
     return objects;
+}
+
+QList<int> SQliteRecovery::droppedPages(const QString& table) const {
+    QList<int> pages;
+    for (const auto& t : d->targets)
+        if (t->dropped && t->name == table)
+            for (size_t p = 0; p < d->oldTree.size(); ++p)
+                if (d->oldTree[p] == t->index + 1) pages << int(p);
+    return pages;
 }
 
 // ---------------------------------------------------------------------------------------------

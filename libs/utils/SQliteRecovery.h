@@ -102,8 +102,9 @@ public:
     // letters (fieldsMatch) plus t for NULL, text or blob and a for anything a record may hold.
     // Without one the pattern follows from the declared types: n for the rowid alias, d for
     // INTEGER and REAL affinity (NULL, an integer or a float), t for TEXT, a for NUMERIC and for
-    // BLOB or no type. False, with error() saying why, for an unknown table, a table without
-    // rowid or whose statement cannot be read, or a pattern of the wrong length or letters.
+    // BLOB or no type. The name may be a dropped table's. False, with error() saying why, for an
+    // unknown or virtual table, one whose statement cannot be read, or a pattern of the wrong
+    // length or letters.
     bool setTable(const QString& table, const QString& pattern = QString());
     // Every table instead: those of the schema and the dropped ones (always true).
     bool setAllTables();
@@ -111,6 +112,9 @@ public:
     // as it is (dropped, or dropped and created again with another statement), each with the root
     // page it had; worked out once.
     QList<SQliteSchema::Object> droppedObjects();
+    // The free pages that the old b-tree of a dropped table still reaches from its root page,
+    // the root among them (once setTable or setAllTables has worked the tables out).
+    QList<int> droppedPages(const QString& table) const;
     QString error() const;
     QString table() const;
     QString pattern() const;

@@ -210,8 +210,9 @@ int runTables(const Args& args) {
     SQliteScanner scanner(db);
     QJsonArray list;
     QList<SQliteSchema::Object> objects;
+    SQliteRecovery recovery(db);
     if (args.has("--dropped")) {
-        SQliteRecovery recovery(db);
+        recovery.setAllTables();
         objects = recovery.droppedObjects();
     } else {
         objects = SQliteSchema::read(db);
@@ -221,7 +222,7 @@ int runTables(const Args& args) {
         const bool table = o.type == QLatin1String("table");
         if (!table && !((all || dropped) && o.type == QLatin1String("index"))) continue;
         QList<int> leaves;
-        if (o.rootPage > 0 && !dropped) leaves = scanner.leafPages(o.rootPage);
+        if (o.rootPage > 0) leaves = dropped ? recovery.droppedPages(o.name) : scanner.leafPages(o.rootPage);
         const SQliteSchema::Table& t = o.table;
         if (json) {
             QJsonObject item{{"name", o.name}, {"type", o.type}, {"rootPage", o.rootPage}, {"sql", o.sql}};
@@ -264,9 +265,10 @@ int runTables(const Args& args) {
         if (t.strict) traits << "strict";
         if (t.isVirtual)
             traits << "virtual table (module " + shown(t.module) + "): its rows are kept elsewhere";
-        out(QString("%1  root %2  leaf pages %3%4%5")
+        out(QString("%1  root %2  %3 %4%5%6")
                 .arg(shown(o.name))
                 .arg(o.rootPage)
+                .arg(dropped ? "free pages of its old b-tree" : "leaf pages")
                 .arg(leaves.size())
                 .arg(traits.isEmpty() ? QString() : "  (" + traits.join(", ") + ")")
                 .arg(args.has("--pages") ? " [" + pageList(leaves) + "]" : QString()));
@@ -648,8 +650,9 @@ const Registration tablesCommand(
      {{"--all", nullptr, "the indexes too, each with its table"},
       {"--dropped", nullptr,
        "the tables and indexes whose CREATE statements lie in free space but that the\n"
-       "schema no longer holds as they were (dropped, or dropped and created again)"},
-      {"--pages", nullptr, "list the leaf pages too"},
+       "schema no longer holds as they were (dropped, or dropped and created again), each\n"
+       "with the free pages its old b-tree still reaches"},
+      {"--pages", nullptr, "list the pages too"},
       kNoWal,
       kDocumented,
       {"--json", nullptr,
