@@ -473,6 +473,9 @@ struct SQliteRecovery::Private {
     // What can start a record of some table, worked out before a search: a one-byte header
     // size, then a one-byte first serial type.
     std::vector<uchar> headerSizeOk, firstTypeOk;
+    // One table of each shape (pattern, columns that cannot be NULL, rowid or not): where a
+    // cell may start, tables of one shape answer alike.
+    std::vector<const Target*> shapes;
     bool longHeaders = false; // a table has columns enough for a header of 128 bytes or more
     void prepareScan();
     // What finish() learnt of the record it read, for check(): kept for each thread that
@@ -481,7 +484,27 @@ struct SQliteRecovery::Private {
         bool textOk = true;          // its text is valid in the database's encoding
         std::vector<quint64> hashes; // of its values as stored
         std::vector<bool> intact;    // which of them were read whole
+        // Whether a cell of some table starts right after each offset, in the block searched
+        // last: asked again and again for the readings of lost starts. An entry holds when its
+        // stamp is the block's.
+        const uchar* boundaryPage = nullptr;
+        qint64 boundaryEnd = -1;
+        quint32 boundaryStamp = 0;
+        std::vector<quint32> boundaryStamps;
+        std::vector<bool> boundary;
+        // The sums of lost values' lengths that let a rebuilt cell end where it must.
+        std::vector<qint64> sums;
+        std::vector<std::pair<qint64, qint64>> second; // (length, serial type)
+        // The work done on the page searched now, in rough steps, against its budget: a page
+        // crafted to look like freed cells everywhere could otherwise keep the search of lost
+        // starts busy for minutes. Past the budget, no more lost starts are rebuilt on it.
+        qint64 work = 0;
     };
+    // Work allowed on a page for rebuilding lost starts: far more than any page of a real
+    // database takes (one reading read whole counts 64 steps).
+    qint64 workBudget() const { return qint64(usable) * 1024; }
+    static void startPage() { reading().work = 0; }
+    bool overBudget() const { return reading().work > workBudget(); }
     static Reading& reading() {
         static thread_local Reading r;
         return r;
@@ -505,6 +528,8 @@ struct SQliteRecovery::Private {
                   Candidate& c) const;
     void rebuild(const uchar* data, qint64 f, qint64 end, bool exact, const Target& t,
                  std::vector<Found>& out);
+    void readLost(const uchar* data, qint64 f, qint64 end, bool exact, const Target& t, Candidate& c, int p,
+                  int r, int h, int lost, qint64 headerSize, qint64 payload, std::vector<Found>& out);
     bool cellBoundary(const uchar* data, qint64 e, qint64 blockEnd) const;
     qint64 formerFreeblockEnd(const uchar* data, qint64 pos) const;
     void finish(const uchar* data, qint64 areaEnd, const Candidate& c, const Target& t, Record& r);
@@ -914,6 +939,14 @@ void SQliteRecovery::Private::prepareScan() {
     headerSizeOk.assign(128, 0);
     firstTypeOk.assign(128, 0);
     longHeaders = false;
+    shapes.clear();
+    for (const auto& t : targets) {
+        if (t->size() == 0) continue;
+        bool known = false;
+        for (const Target* s : shapes)
+            known = known || (s->pattern == t->pattern && s->notNull == t->notNull && s->table == t->table);
+        if (!known) shapes.push_back(t.get());
+    }
     for (const auto& t : targets) {
         const int n = t->size();
         longHeaders = longHeaders || 1 + 9 * n >= 128;
@@ -990,7 +1023,7 @@ bool SQliteRecovery::Private::headerAt(const uchar* data, qint64 pos, qint64 are
 void SQliteRecovery::Private::rebuild(const uchar* data, qint64 f, qint64 end, bool exact, const Target& t,
                                       std::vector<Found>& out) {
     const int n = t.size();
-    if (f + kFreeblockHeaderSize >= end) return;
+    if (f + kFreeblockHeaderSize >= end || overBudget()) return;
     // How the serial types that start in the lost bytes may lie: their varints' lengths, and how
     // many bytes of the last one survive after the four lost ones. A two-byte serial type is
     // tried only when the cell's length is known, which leaves one length for it.
@@ -1053,61 +1086,105 @@ void SQliteRecovery::Private::rebuild(const uchar* data, qint64 f, qint64 end, b
                                     choices[i].push_back(type);
                         }
                     }
-                    const size_t first = lost > 0 ? choices[0].size() : 1,
-                                 second = lost > 1 ? choices[1].size() : 1;
-                    for (size_t k = 0; k < first * second; ++k) {
-                        qint64 payload = headerSize + known;
-                        if (lost > 0) c.types[0] = choices[0][k % first];
-                        if (lost > 1) c.types[1] = choices[1][k / first];
-                        for (int i = 0; i < lost; ++i)
-                            payload += valueLength(c.types[size_t(i)]);
+                    // The sums of the lost values' lengths that make a cell of the right length:
+                    // worked out once, so that only the pairs of serial types with such a sum
+                    // are read.
+                    qint64 most = 0;
+                    for (int i = 0; i < lost; ++i) {
+                        qint64 longest = -1;
+                        for (qint64 type : choices[i])
+                            longest = std::max(longest, valueLength(type));
+                        if (longest < 0) most = -1;
+                        if (most >= 0) most += longest;
+                    }
+                    Reading& scratch = reading();
+                    std::vector<qint64>& sums = scratch.sums;
+                    sums.clear();
+                    for (qint64 sum = 0; sum <= most; ++sum) {
+                        const qint64 payload = headerSize + known + sum;
+                        ++scratch.work;
                         if (varintLength(quint64(payload)) != p) continue;
                         const qint64 local = localPayload(payload, usable, t.table);
                         const qint64 cellLength = p + r + local + (local < payload ? kOverflowHeaderSize : 0);
-                        if (exact ? f + cellLength != end
-                                  : (f + cellLength > end || !cellBoundary(data, f + cellLength, end)))
-                            continue;
-                        c.start = f + kFreeblockHeaderSize;
-                        c.cellStart = -1;
-                        c.strong = exact;
-                        c.headerSize = headerSize;
-                        c.valuesAt = f + p + r + headerSize;
-                        c.length = payload;
-                        c.rebuilt =
-                            QString(
-                                "the first %1 bytes of its cell (payload length%2%3%4) rebuilt from the %5")
-                                .arg(kFreeblockHeaderSize)
-                                .arg(t.table ? ", rowid" : "")
-                                .arg(h + p + r <= kFreeblockHeaderSize ? ", header size" : "")
-                                .arg(lost ? QString(", %1 serial type%2").arg(lost).arg(lost > 1 ? "s" : "")
-                                          : QString())
-                                .arg(exact ? "freeblock's size" : "cell that follows");
-                        Found found;
-                        found.target = &t;
-                        found.types = c.types;
-                        found.strength = exact ? 3 : 1;
-                        finish(data, exact ? end : f + cellLength, c, t, found.record);
-                        if (!found.record.reasons.isEmpty()) continue; // does not fit the layout
-                        place(c, t, 0, Freeblock, c.start, found.record);
-                        // Only readings that t could have held count.
-                        const QStringList& why = found.record.reasons;
-                        if (why.contains(kEncoding) || why.contains(kAffinity) || why.contains(kEmpty) ||
-                            why.contains(kLayout))
-                            continue;
-                        // Text whose length was guessed and that holds NULs has swallowed the
-                        // bytes of other cells.
-                        bool swallowed = false;
-                        for (int i = 0; i < lost && i < found.record.values.size(); ++i)
-                            swallowed =
-                                swallowed || (found.record.values.at(i).type() == QVariant::String &&
-                                              found.record.values.at(i).toString().contains(QChar(0)));
-                        if (swallowed) continue;
-                        out.push_back(found);
+                        if (exact ? f + cellLength == end
+                                  : f + cellLength <= end && cellBoundary(data, f + cellLength, end))
+                            sums.push_back(sum);
+                    }
+                    if (sums.empty()) continue;
+                    // The second lost serial type's choices by the length of their values.
+                    std::vector<std::pair<qint64, qint64>>& second = scratch.second;
+                    second.clear();
+                    if (lost > 1)
+                        for (qint64 type : choices[1])
+                            second.emplace_back(valueLength(type), type);
+                    std::sort(second.begin(), second.end());
+                    const size_t first = lost > 0 ? choices[0].size() : 1;
+                    for (size_t k = 0; k < first; ++k) {
+                        if (lost > 0) c.types[0] = choices[0][k];
+                        const qint64 firstLength = lost > 0 ? valueLength(c.types[0]) : 0;
+                        for (qint64 sum : sums) {
+                            if (lost < 2) {
+                                if (sum != firstLength) continue;
+                                if (++scratch.work > workBudget()) return;
+                                readLost(data, f, end, exact, t, c, p, r, h, lost, headerSize,
+                                         headerSize + known + sum, out);
+                                continue;
+                            }
+                            const std::pair<qint64, qint64> from(sum - firstLength, -1);
+                            for (auto it = std::lower_bound(second.begin(), second.end(), from);
+                                 it != second.end() && it->first == sum - firstLength; ++it) {
+                                c.types[1] = it->second;
+                                if (++scratch.work > workBudget()) return;
+                                readLost(data, f, end, exact, t, c, p, r, h, lost, headerSize,
+                                         headerSize + known + sum, out);
+                            }
+                        }
                     }
                 }
             }
         }
     }
+}
+
+// One reading of a rebuilt start (its lost serial types in c.types, its header headerSize
+// bytes long, its payload payload bytes): kept in out when t could have held it.
+void SQliteRecovery::Private::readLost(const uchar* data, qint64 f, qint64 end, bool exact, const Target& t,
+                                       Candidate& c, int p, int r, int h, int lost, qint64 headerSize,
+                                       qint64 payload, std::vector<Found>& out) {
+    reading().work += 64;
+    const qint64 local = localPayload(payload, usable, t.table);
+    const qint64 cellLength = p + r + local + (local < payload ? kOverflowHeaderSize : 0);
+    c.start = f + kFreeblockHeaderSize;
+    c.cellStart = -1;
+    c.strong = exact;
+    c.headerSize = headerSize;
+    c.valuesAt = f + p + r + headerSize;
+    c.length = payload;
+    c.rebuilt.clear();
+    Found found;
+    found.target = &t;
+    found.types = c.types;
+    found.strength = exact ? 3 : 1;
+    finish(data, exact ? end : f + cellLength, c, t, found.record);
+    if (!found.record.reasons.isEmpty()) return; // does not fit the layout
+    place(c, t, 0, Freeblock, c.start, found.record);
+    // Only readings that t could have held count.
+    const QStringList& why = found.record.reasons;
+    if (why.contains(kEncoding) || why.contains(kAffinity) || why.contains(kEmpty) || why.contains(kLayout))
+        return;
+    // Text whose length was guessed and that holds NULs has swallowed the bytes of other cells.
+    for (int i = 0; i < lost && i < found.record.values.size(); ++i)
+        if (found.record.values.at(i).type() == QVariant::String &&
+            found.record.values.at(i).toString().contains(QChar(0)))
+            return;
+    found.record.rebuilt =
+        QString("the first %1 bytes of its cell (payload length%2%3%4) rebuilt from the %5")
+            .arg(kFreeblockHeaderSize)
+            .arg(t.table ? ", rowid" : "")
+            .arg(h + p + r <= kFreeblockHeaderSize ? ", header size" : "")
+            .arg(lost ? QString(", %1 serial type%2").arg(lost).arg(lost > 1 ? "s" : "") : QString())
+            .arg(exact ? "freeblock's size" : "cell that follows");
+    out.push_back(std::move(found));
 }
 
 // Whether a cell could end at e in a block that ends at blockEnd: the block ends there, or a
@@ -1116,13 +1193,36 @@ bool SQliteRecovery::Private::cellBoundary(const uchar* data, qint64 e, qint64 b
     if (e == blockEnd) return true;
     if (e > blockEnd || e + 4 > usable) return false;
     if (formerFreeblockEnd(data, e + 4) >= 0) return true;
-    for (qint64 k = 2; k <= 12 && e + k < blockEnd; ++k)
-        for (const auto& t : targets) {
-            Candidate next;
-            if (t->size() == 0) continue;
-            if (headerAt(data, e + k, e, blockEnd, *t, next) && next.cellStart == e) return true;
+    // Whether a cell of some table starts at e, its record before blockEnd: worked out once
+    // per offset of a block.
+    Reading& scratch = reading();
+    if (scratch.boundaryStamps.size() != size_t(usable)) {
+        scratch.boundaryStamps.assign(size_t(usable), 0);
+        scratch.boundary.assign(size_t(usable), false);
+        scratch.boundaryStamp = 0;
+    }
+    if (scratch.boundaryPage != data || scratch.boundaryEnd != blockEnd || scratch.boundaryStamp == 0) {
+        scratch.boundaryPage = data;
+        scratch.boundaryEnd = blockEnd;
+        if (++scratch.boundaryStamp == 0) { // wrapped: every entry is stale again
+            std::fill(scratch.boundaryStamps.begin(), scratch.boundaryStamps.end(), 0);
+            scratch.boundaryStamp = 1;
         }
-    return false;
+    }
+    if (scratch.boundaryStamps[size_t(e)] == scratch.boundaryStamp) return scratch.boundary[size_t(e)];
+    bool found = false;
+    static thread_local Candidate next;
+    for (qint64 k = 2; k <= 12 && e + k < blockEnd && !found; ++k)
+        for (const Target* t : shapes) {
+            scratch.work += 2;
+            if (headerAt(data, e + k, e, blockEnd, *t, next) && next.cellStart == e) {
+                found = true;
+                break;
+            }
+        }
+    scratch.boundaryStamps[size_t(e)] = scratch.boundaryStamp;
+    scratch.boundary[size_t(e)] = found;
+    return found;
 }
 
 // The end of the freeblock whose 4-byte header would be right before pos (its offset to the
@@ -1422,7 +1522,8 @@ void SQliteRecovery::Private::searchArea(const uchar* data, int pageNo, Region r
                                          const Target* owner, std::vector<Found>& found, bool leaf) {
     Candidate c;
     std::vector<Found> readings;
-    int nextHead = 0; // heads come in order of offset
+    reading().boundaryPage = nullptr; // what was worked out for another page image is stale
+    int nextHead = 0;                 // heads come in order of offset
     for (qint64 pos = start; pos < end; ++pos) {
         // A record whose header starts here, for each table it fits; most places start none.
         const uchar b0 = data[pos], b1 = pos + 1 < end ? data[pos + 1] : 0;
@@ -1501,6 +1602,7 @@ void SQliteRecovery::Private::searchArea(const uchar* data, int pageNo, Region r
 // leaf of a dropped table's old b-tree): whole, with their payload length and rowid.
 void SQliteRecovery::Private::searchCells(const uchar* data, int pageNo, Region region, const Target* owner,
                                           std::vector<Found>& found) {
+    startPage();
     const qint64 header = btreeHeaderOffset(pageNo);
     const int type = data[header];
     Candidate c;
@@ -1823,6 +1925,7 @@ bool SQliteRecovery::forEach(const Callback& callback) {
         d->version = v.describe();
         const QByteArray bytes = d->view->pageData(v);
         found.clear();
+        Private::startPage();
         if (bytes.size() >= d->usable) {
             const uchar* data = reinterpret_cast<const uchar*>(bytes.constData());
             const int type = data[btreeHeaderOffset(v.page)];
