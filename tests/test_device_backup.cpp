@@ -25,9 +25,7 @@ protected:
         ready = makeBackups(dir->filePath("cases"));
     }
     static void TearDownTestSuite() { delete dir; }
-    void SetUp() override {
-        ASSERT_TRUE(ready) << "the backups could not be generated";
-    }
+    void SetUp() override { ASSERT_TRUE(ready) << "the backups could not be generated"; }
     static QString backup(const char* name) { return dir->filePath(QString("cases/") + name); }
     static QTemporaryDir* dir;
     static bool ready;
