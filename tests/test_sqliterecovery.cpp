@@ -66,6 +66,10 @@ TEST(SQliteRecoverySchema, PatternsFollowTheDeclaredTypes) {
     EXPECT_EQ(a.columnNames(), (QStringList{"id", "n", "r", "t", "b", "x", "num", "quoted, col"}));
     EXPECT_EQ(a.declaredTypes().at(6), QString("DECIMAL(10, 2)"));
     EXPECT_EQ(a.rowidAlias(), 0);
+    // A pattern given once is not kept for the next call.
+    ASSERT_TRUE(a.setTable("a", "isiissst"));
+    ASSERT_TRUE(a.setTable("a"));
+    EXPECT_EQ(a.pattern(), QString("nddtaaat"));
 }
 
 TEST(SQliteRecovery, RowsTheEngineDeletedComeBackWholeAndExact) {

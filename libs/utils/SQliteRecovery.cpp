@@ -325,10 +325,15 @@ struct Target {
     std::vector<bool> notNull;   // columns that cannot hold NULL in a record
     std::vector<int> declared;   // the declared position of each, among declaredCount columns
     int declaredCount = 0;
-    int alias = -1;    // the rowid alias among them
-    bool table = true; // a rowid table; false: a table without rowid
-    QString pattern;
+    int alias = -1;                   // the rowid alias among them
+    bool table = true;                // a rowid table; false: a table without rowid
+    QString pattern, declaredPattern; // the pattern searched for, and the one the schema gives
     std::unique_ptr<SQliteCodec::Pattern> compiled;
+    void setPattern(const QString& letters) {
+        pattern = letters;
+        compiled.reset(new SQliteCodec::Pattern(letters, true));
+        chooseLost();
+    }
     bool live = false; // live rows are known
     // The serial types a lost one-byte varint can have been, for the first two columns.
     std::vector<std::vector<qint64>> lostChoices;
@@ -421,7 +426,7 @@ struct SQliteRecovery::Private {
     explicit Private(SQliteDbUtil& reader) : db(reader) {}
 
     SQliteDbUtil& db;
-    QString error, tableName, givenPattern;
+    QString error, tableName;
     bool all = false;
     bool chosen = false; // setTable or setAllTables succeeded
     bool freePages = true;
@@ -457,7 +462,6 @@ struct SQliteRecovery::Private {
         qint64 headerSize = 0; // as the record states it, or as worked out when it is lost
         std::vector<qint64> types;
         qint64 length = 0;   // header and values: the payload
-        QString rebuilt;     // what was worked out of a lost start
         bool strong = false; // its cell's start survived, or the freeblock it fills says where it was
     };
     struct Found {
@@ -514,7 +518,7 @@ struct SQliteRecovery::Private {
     // Tables
     void addTarget(const QString& name, const SQliteSchema::Table& schema, qint64 root, bool isDropped);
     void addIndexTarget(const SQliteSchema::Object& index);
-    bool buildTargets();
+    void buildTargets();
     void loadPages();
     void findOldTrees();
     QByteArray readPage(int pageNo);
@@ -673,8 +677,8 @@ void SQliteRecovery::Private::addTarget(const QString& name, const SQliteSchema:
         t->pattern += letterOf(schema, i);
     }
     if (t->columns.empty()) return;
-    t->compiled.reset(new SQliteCodec::Pattern(t->pattern, true));
-    t->chooseLost();
+    t->declaredPattern = t->pattern;
+    t->setPattern(t->pattern);
     t->index = int(targets.size());
     targets.push_back(std::move(t));
 }
@@ -720,7 +724,7 @@ void SQliteRecovery::Private::addIndexTarget(const SQliteSchema::Object& index) 
 }
 
 // Every table a record may belong to: the live ones, then the dropped ones.
-bool SQliteRecovery::Private::buildTargets() {
+void SQliteRecovery::Private::buildTargets() {
     targets.clear();
     single = nullptr;
     droppedKnown = false;
@@ -743,7 +747,6 @@ bool SQliteRecovery::Private::buildTargets() {
                 targets.back()->wanted = all || o.name == tableName;
         }
     findOldTrees();
-    return true;
 }
 
 bool SQliteRecovery::setTable(const QString& name, const QString& givenPattern) {
@@ -778,8 +781,8 @@ bool SQliteRecovery::setTable(const QString& name, const QString& givenPattern) 
     if (!d->single) // only a dropped table of that name
         for (const auto& t : d->targets)
             if (t->wanted && !d->single) d->single = t.get();
+    Target& t = *d->single;
     if (!givenPattern.isEmpty()) {
-        Target& t = *d->single;
         if (givenPattern.size() != t.size()) {
             d->error = QString("the pattern has %1 letters, table '%2' has %3 columns")
                            .arg(givenPattern.size())
@@ -794,10 +797,10 @@ bool SQliteRecovery::setTable(const QString& name, const QString& givenPattern) 
                 d->single = nullptr;
                 return false;
             }
-        t.pattern = givenPattern;
-        t.compiled.reset(new SQliteCodec::Pattern(givenPattern, true));
-        t.chooseLost();
     }
+    // The tables are kept from one call to the next: a pattern given before is not kept.
+    const QString& letters = givenPattern.isEmpty() ? t.declaredPattern : givenPattern;
+    if (t.pattern != letters) t.setPattern(letters);
     d->chosen = true;
     return true;
 }
@@ -989,7 +992,6 @@ bool SQliteRecovery::Private::headerAt(const uchar* data, qint64 pos, qint64 are
     c.headerSize = headerSize;
     c.valuesAt = pos + headerSize;
     c.length = headerSize;
-    c.rebuilt.clear();
     c.strong = false;
     for (qint64 type : c.types)
         c.length += valueLength(type);
@@ -1160,7 +1162,6 @@ void SQliteRecovery::Private::readLost(const uchar* data, qint64 f, qint64 end, 
     c.headerSize = headerSize;
     c.valuesAt = f + p + r + headerSize;
     c.length = payload;
-    c.rebuilt.clear();
     Found found;
     found.target = &t;
     found.types = c.types;
@@ -1243,7 +1244,6 @@ void SQliteRecovery::Private::finish(const uchar* data, qint64 areaEnd, const Ca
     r = Record();
     r.rowidKnown = t.table && c.cellStart >= 0;
     r.rowid = r.rowidKnown ? c.rowid : 0;
-    r.rebuilt = c.rebuilt;
     // The payload starts with the record's header, which for a record whose header was
     // overwritten lay headerSize bytes before its values all the same.
     const qint64 payloadStart = c.valuesAt - c.headerSize;
