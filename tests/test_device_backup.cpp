@@ -264,8 +264,14 @@ TEST_F(Backups, ExtractionStaysInsideOut) {
     const QByteArray sms = readFile(stored);
     for (const QString& to : {stored, backup("db") + "/3d/sms.gz"})
         EXPECT_EQ(runTool({"gzip", backup("db") + "::HomeDomain/" + kSms, to, "--force"}).code, 1);
+    // manifest resolves its input before it looks at --out: the backup is known all the same.
+    EXPECT_EQ(runTool({"manifest", backup("db") + "::HomeDomain/" + kSms, "abc", "--out",
+                       backup("db") + "/3d/m", "--force"})
+                  .code,
+              1);
     EXPECT_EQ(readFile(stored), sms);
     EXPECT_FALSE(QFileInfo::exists(backup("db") + "/3d/sms.gz"));
+    EXPECT_FALSE(QFileInfo::exists(backup("db") + "/3d/m"));
 }
 
 } // namespace

@@ -12,10 +12,14 @@ namespace inspect {
 
 namespace {
 
-// Stored file of a resolved input: the stored files of its log and journal.
-QHash<QString, QPair<QString, QString>>& companions() {
-    static QHash<QString, QPair<QString, QString>> resolved;
-    return resolved;
+// What an input resolved from a backup came from: the backup folder, and the stored files of
+// its log and journal; by the stored file it was resolved to.
+struct Resolved {
+    QString folder, wal, journal;
+};
+QHash<QString, Resolved>& resolved() {
+    static QHash<QString, Resolved> inputs;
+    return inputs;
 }
 
 // Where the "::" after the backup folder stands in path; -1 when path names no file in a backup.
@@ -30,7 +34,7 @@ int backupSeparator(const QString& path) {
 
 QString backupFolder(const QString& path) {
     const int separator = backupSeparator(path);
-    return separator < 0 ? QString() : path.left(separator);
+    return separator < 0 ? resolved().value(path).folder : path.left(separator);
 }
 
 bool resolveBackupInput(QString& path) {
@@ -65,14 +69,14 @@ bool resolveBackupInput(QString& path) {
                    : QString();
     };
     path = backup.storedFile(*entry);
-    companions().insert(path, {companion("-wal"), companion("-journal")});
+    resolved().insert(path, {folder, companion("-wal"), companion("-journal")});
     return true;
 }
 
 QString companionFile(const QString& path, const QString& suffix) {
-    const auto it = companions().constFind(path);
-    if (it == companions().constEnd()) return path + suffix;
-    return suffix == "-wal" ? it->first : suffix == "-journal" ? it->second : QString();
+    const auto it = resolved().constFind(path);
+    if (it == resolved().constEnd()) return path + suffix;
+    return suffix == "-wal" ? it->wal : suffix == "-journal" ? it->journal : QString();
 }
 
 QString printable(const QString& text) {

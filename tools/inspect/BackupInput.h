@@ -14,7 +14,8 @@ namespace inspect {
 // Any other path is left as it is (true).
 bool resolveBackupInput(QString& path);
 
-// The backup folder DIR of a path DIR::DOMAIN/PATH whose DIR is a folder; empty for any other path.
+// The backup folder DIR of a path DIR::DOMAIN/PATH whose DIR is a folder, or of the stored file
+// such a path was resolved to; empty for any other path.
 QString backupFolder(const QString& path);
 
 // The write-ahead log (suffix "-wal") or rollback journal ("-journal") of an input file: the file
