@@ -2,14 +2,14 @@
 
 #include "ByteCursor.h"
 #include "PlistCompat.h"
+#include "SQliteDbUtil.h"
+#include "SQliteLoader.h"
+#include "SQliteTableReader.h"
 
 #include <QCryptographicHash>
 #include <QFile>
 #include <QFileInfo>
 #include <QHash>
-#include <QUrl>
-
-#include <sqlite3.h>
 
 #include <cmath>
 #include <cstring>
@@ -18,12 +18,6 @@
 namespace backupindex {
 
 namespace {
-
-QString columnText(sqlite3_stmt* st, int column) {
-    const char* text = reinterpret_cast<const char*>(sqlite3_column_text(st, column));
-    // With its length, so that a NUL inside the text stays there to be seen.
-    return text ? QString::fromUtf8(text, sqlite3_column_bytes(st, column)) : QString();
-}
 
 constexpr uint64_t kNone = ~uint64_t(0);
 
@@ -216,49 +210,40 @@ bool readArchivedFile(const QByteArray& binaryList, DeviceBackup::Entry& entry) 
 }
 
 bool readManifestDb(const QString& path, QVector<DeviceBackup::Entry>& entries, QString* error,
-                    bool* cipherText) {
-    *cipherText = false;
-    {
-        QFile file(path);
-        if (!file.open(QIODevice::ReadOnly)) return *error = "cannot open for reading", false;
-        if (file.read(16) != QByteArray("SQLite format 3\0", 16)) {
-            *cipherText = true;
-            return *error = "not an SQLite database", false;
-        }
-    }
-    // immutable: the engine takes no lock, reads no log and creates no file beside the database.
-    const QByteArray uri =
-        "file:" + QUrl::toPercentEncoding(QFileInfo(path).absoluteFilePath(), "/") + "?immutable=1";
-    sqlite3* raw = nullptr;
-    const int opened =
-        sqlite3_open_v2(uri.constData(), &raw, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr);
-    const std::unique_ptr<sqlite3, int (*)(sqlite3*)> db(raw, &sqlite3_close);
-    if (opened != SQLITE_OK) return *error = QString::fromUtf8(sqlite3_errstr(opened)), false;
-
-    sqlite3_stmt* rawStatement = nullptr;
-    if (sqlite3_prepare_v2(raw, "SELECT fileID, domain, relativePath, flags, file FROM Files", -1,
-                           &rawStatement, nullptr) != SQLITE_OK)
-        return *error = QString::fromUtf8(sqlite3_errmsg(raw)), false;
-    const std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)> st(rawStatement, &sqlite3_finalize);
+                    bool* cipherText, QStringList* notes) {
+    // The project's own reader: nothing is locked or created beside the file, a damaged page
+    // costs its rows only, and bytes after the last page are read past as the engine does.
+    SQliteDbUtil db;
+    const SQliteLoader::Report loaded = SQliteLoader::load(db, path, SQliteLoader::LikeTheEngine);
+    *cipherText = loaded.failure == SQliteLoader::NotADatabase;
+    if (!loaded.ok()) return *error = loaded.reason, false;
+    for (const QString& t : loaded.tolerated)
+        *notes << t;
+    SQliteTableReader files(db);
+    if (!files.setTable("Files")) return *error = files.error(), false;
+    int column[5];
+    const char* const names[5] = {"fileID", "domain", "relativePath", "flags", "file"};
+    for (int i = 0; i < 5; ++i)
+        if ((column[i] = files.table().columnIndex(names[i])) < 0)
+            return *error = QString("the table Files has no column %1").arg(names[i]), false;
     // A backup has a few hundred domains at most: each is decoded once and its text shared.
     QHash<QByteArray, QString> domains;
-    int step = SQLITE_OK;
-    while ((step = sqlite3_step(rawStatement)) == SQLITE_ROW) {
+    files.forEachRow([&](const SQliteTableReader::Row& row) {
         DeviceBackup::Entry e;
-        e.fileId = columnText(rawStatement, 0);
-        const char* domain = reinterpret_cast<const char*>(sqlite3_column_text(rawStatement, 1));
-        const QByteArray domainBytes = QByteArray::fromRawData(domain, sqlite3_column_bytes(rawStatement, 1));
+        e.fileId = row.value(column[0]).text();
+        const SQliteValue domain = row.value(column[1]);
+        const QByteArray domainBytes =
+            QByteArray::fromRawData(reinterpret_cast<const char*>(domain.data), int(domain.size));
         auto known = domains.constFind(domainBytes);
         if (known == domains.constEnd())
-            known = domains.insert(QByteArray(domainBytes.constData(), domainBytes.size()),
-                                   columnText(rawStatement, 1));
+            known = domains.insert(QByteArray(domainBytes.constData(), domainBytes.size()), domain.text());
         e.domain = *known;
-        e.path = columnText(rawStatement, 2);
-        e.flags = sqlite3_column_int64(rawStatement, 3);
-        const char* blob = static_cast<const char*>(sqlite3_column_blob(rawStatement, 4));
-        const int blobSize = sqlite3_column_bytes(rawStatement, 4);
-        if (blob && blobSize > 0)
-            DeviceBackup::readMetadata(QByteArray::fromRawData(blob, blobSize), e);
+        e.path = row.value(column[2]).text();
+        e.flags = row.value(column[3]).integer;
+        const SQliteValue blob = row.value(column[4]);
+        if (blob.type == SQliteValue::Blob && blob.size > 0)
+            DeviceBackup::readMetadata(
+                QByteArray::fromRawData(reinterpret_cast<const char*>(blob.data), int(blob.size)), e);
         else
             e.metadataError = "no metadata";
         // The kind the metadata's mode says, else the index's flags.
@@ -269,8 +254,18 @@ bool readManifestDb(const QString& path, QVector<DeviceBackup::Entry>& entries, 
                      : e.flags == 4 ? DeviceBackup::Link
                                     : DeviceBackup::Unknown;
         entries.append(std::move(e));
-    }
-    if (step != SQLITE_DONE) return *error = QString::fromUtf8(sqlite3_errmsg(raw)), false;
+        return true;
+    });
+    const SQliteTableReader::Problems problems = files.problems();
+    if (problems.any())
+        *notes << QString(
+                      "the table Files could not be read whole (%1 pages, %2 cells, %3 records skipped, %4 "
+                      "overflow chains cut): %5")
+                      .arg(problems.pages)
+                      .arg(problems.cells)
+                      .arg(problems.records)
+                      .arg(problems.overflows)
+                      .arg(problems.first);
     return true;
 }
 

@@ -8,6 +8,7 @@
 
 #include <QByteArray>
 #include <QString>
+#include <QStringList>
 #include <QVector>
 
 namespace backupindex {
@@ -17,9 +18,10 @@ constexpr qint64 kUnixSecondsAt2001 = 978307200;
 
 // The rows of the table Files (fileID, domain, relativePath, flags, file), in table order, the
 // metadata blob of each decoded. False with *error set when the file is no SQLite database
-// (*cipherText then true: an encrypted index), or has no such table.
+// (*cipherText then true: an encrypted index), or has no such table. What was read past (bytes
+// after the last page, rows on pages that cannot be believed) is added to notes.
 bool readManifestDb(const QString& path, QVector<DeviceBackup::Entry>& entries, QString* error,
-                    bool* cipherText);
+                    bool* cipherText, QStringList* notes);
 
 // The records of a legacy index (signature "mbdb") held in memory. Every length is checked: a
 // record cut short by the end of the data is kept with what it held and a metadataError. False

@@ -183,7 +183,11 @@ bool DeviceBackup::readIndex() {
     if (QFileInfo(db).isFile()) {
         m_format = ManifestDb;
         bool cipherText = false;
-        if (!backupindex::readManifestDb(db, m_entries, &error, &cipherText)) {
+        QStringList read;
+        const bool ok = backupindex::readManifestDb(db, m_entries, &error, &cipherText, &read);
+        for (const QString& note : read)
+            m_notes << "Manifest.db: " + note;
+        if (!ok) {
             if (cipherText && m_info.encrypted)
                 m_error =
                     "the backup is encrypted, and so is its index Manifest.db; decryption is not supported";

@@ -5,11 +5,11 @@
 // directly in the backup folder in older backups.
 //
 // The folder is only read: nothing is written, and nothing is created beside it (the manifest
-// database is read through an immutable read-only connection, which takes no lock and makes no
-// -wal or -shm file). Nothing read from the backup is trusted: lengths are checked before they
-// are used, every domain and path is checked before it may serve as a file name (see
-// Entry::problem), stored files are looked for only under names of 40 hex digits, and a stored
-// file that is a link or anything but a plain file is not taken.
+// database is read by the project's own page reader, which takes no lock and makes no -wal or
+// -shm file; a damaged page costs only the entries it held, and notes() says so). Nothing read from the
+// backup is trusted: lengths are checked before they are used, every domain and path is checked before it may
+// serve as a file name (see Entry::problem), stored files are looked for only under names of 40 hex digits,
+// and a stored file that is a link or anything but a plain file is not taken.
 #pragma once
 
 #include "utils_export.h"

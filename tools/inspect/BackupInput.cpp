@@ -7,6 +7,7 @@
 #include <QHash>
 
 #include <algorithm>
+#include <memory>
 
 namespace inspect {
 
@@ -43,8 +44,18 @@ bool resolveBackupInput(QString& path) {
     const QString folder = path.left(separator), name = path.mid(separator + 2);
     const int slash = name.indexOf('/');
     const QString domain = name.left(slash), inside = slash < 0 ? QString() : name.mid(slash + 1);
-    DeviceBackup backup;
-    if (!backup.open(folder)) return fail(folder + ": " + backup.error()), false;
+    // A backup is opened once, however many of its files the command line names.
+    static QHash<QString, std::shared_ptr<DeviceBackup>> opened;
+    std::shared_ptr<DeviceBackup>& slot = opened[folder];
+    if (!slot) {
+        slot = std::make_shared<DeviceBackup>();
+        if (!slot->open(folder)) {
+            const QString error = slot->error();
+            slot.reset();
+            return fail(folder + ": " + error), false;
+        }
+    }
+    const DeviceBackup& backup = *slot;
     const QString what = printable(path);
     if (backup.info().encrypted)
         return fail(what + ": the backup is encrypted, its stored files are cipher text, and decryption is "
