@@ -223,10 +223,11 @@ bool DeviceBackup::readIndex() {
     order.reserve(size_t(m_entries.size()));
     for (int i = 0; i < m_entries.size(); ++i)
         order.emplace_back(domainRank.value(m_entries.at(i).domain), i);
+    // An entry the index holds twice keeps the index's order: find() gives the first.
     std::sort(order.begin(), order.end(), [this](const std::pair<int, int>& a, const std::pair<int, int>& b) {
-        return a.first != b.first
-                   ? a.first < b.first
-                   : QString::compare(m_entries.at(a.second).path, m_entries.at(b.second).path) < 0;
+        if (a.first != b.first) return a.first < b.first;
+        const int c = QString::compare(m_entries.at(a.second).path, m_entries.at(b.second).path);
+        return c != 0 ? c < 0 : a.second < b.second;
     });
     QVector<Entry> sorted;
     sorted.reserve(m_entries.size());

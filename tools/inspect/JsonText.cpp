@@ -2,12 +2,6 @@
 
 #include "RecordWriter.h"
 
-#include <QLocale>
-
-#include <charconv>
-#include <cmath>
-#include <cstdio>
-
 namespace inspect {
 
 void JsonText::item() {
@@ -45,28 +39,21 @@ void JsonText::value(const QString& text) {
     RecordWriter::appendJsonString(m_text, text);
 }
 
+// Numbers as the records of every command write them: exact integers, and reals that read back
+// the same and stay reals (2.0, not 2; infinities as out-of-range numbers, NaN as null).
 void JsonText::value(qint64 number) {
     item();
-    char digits[24];
-    m_text.append(digits, int(std::to_chars(digits, digits + sizeof digits, number).ptr - digits));
+    RecordWriter::appendJson(m_text, QVariant(qlonglong(number)));
 }
 
 void JsonText::value(quint64 number) {
     item();
-    char digits[24];
-    m_text.append(digits, int(std::to_chars(digits, digits + sizeof digits, number).ptr - digits));
+    RecordWriter::appendJson(m_text, QVariant(qulonglong(number)));
 }
 
 void JsonText::value(double number) {
     item();
-    if (!std::isfinite(number)) {
-        m_text += "null";
-        return;
-    }
-    // Shortest form that reads back the same; a real stays a real: 2.0, not 2.
-    const QByteArray text = QByteArray::number(number, 'g', QLocale::FloatingPointShortest);
-    m_text += text;
-    if (!text.contains('.') && !text.contains('e')) m_text += ".0";
+    RecordWriter::appendJson(m_text, QVariant(number));
 }
 
 void JsonText::value(bool b) {
