@@ -90,18 +90,4 @@ QString companionFile(const QString& path, const QString& suffix) {
     return suffix == "-wal" ? it->wal : suffix == "-journal" ? it->journal : QString();
 }
 
-QString printable(const QString& text) {
-    if (std::none_of(text.begin(), text.end(), [](QChar c) { return c.category() == QChar::Other_Control; }))
-        return text;
-    QString shown;
-    shown.reserve(text.size());
-    for (const QChar c : text) {
-        if (c.category() == QChar::Other_Control)
-            shown += QString("\\x%1").arg(c.unicode(), 2, 16, QLatin1Char('0'));
-        else
-            shown += c;
-    }
-    return shown;
-}
-
 } // namespace inspect

@@ -23,7 +23,4 @@ QString backupFolder(const QString& path);
 // (or -journal), empty when the index has none that can be read.
 QString companionFile(const QString& path, const QString& suffix);
 
-// Text from a backup as it may be shown on a terminal: control characters as \xNN.
-QString printable(const QString& text);
-
 } // namespace inspect

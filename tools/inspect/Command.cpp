@@ -247,6 +247,27 @@ void progress(const QString& text) {
     shown = !text.isEmpty();
 }
 
+QString printable(const QString& text) {
+    QString s;
+    s.reserve(text.size());
+    for (const QChar c : text) {
+        const ushort u = c.unicode();
+        if (u == '\\')
+            s += "\\\\";
+        else if (u == '\n')
+            s += "\\n";
+        else if (u == '\t')
+            s += "\\t";
+        else if (u == '\r')
+            s += "\\r";
+        else if (c.category() == QChar::Other_Control)
+            s += QString("\\x%1").arg(u, 2, 16, QChar('0'));
+        else
+            s += c;
+    }
+    return s;
+}
+
 QString isoDateTime(qint64 unixSeconds, int nanos, Qt::TimeSpec spec) {
     const QDateTime at = QDateTime::fromSecsSinceEpoch(unixSeconds, spec);
     QString text = at.toString("yyyy-MM-ddTHH:mm:ss");

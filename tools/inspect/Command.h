@@ -101,6 +101,10 @@ void out(const QString& line);
 void progress(const QString& text);
 bool stderrIsTerminal();
 
+// Text from a file as it may be shown on one line of a terminal: a backslash doubled, newline,
+// tab and carriage return as \n, \t and \r, other control characters as \xNN.
+QString printable(const QString& text);
+
 // ISO-8601 text of an instant, with the fraction of a second when there is one, without the
 // zeros at its end: "2020-09-13T12:26:40.5Z" in UTC, "2020-09-13T08:26:40.5-04:00" in local time.
 QString isoDateTime(qint64 unixSeconds, int nanos, Qt::TimeSpec spec = Qt::UTC);

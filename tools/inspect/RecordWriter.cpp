@@ -407,7 +407,6 @@ void RecordWriter::textRecord(const QString& prefix, const QList<QVariant>& valu
 void RecordWriter::csvRow(const QList<QVariant>& cells) {
     if (m_format != Csv) return;
     m_sink->row(m_buffer, cells);
-    ++m_count;
     written();
 }
 

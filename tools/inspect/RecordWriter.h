@@ -49,8 +49,7 @@ public:
     // One record with a prefix before its values in text, NULL (an invalid value) written there as
     // nullText; JSON and CSV write the values as record() does.
     void textRecord(const QString& prefix, const QList<QVariant>& values, const char* nullText);
-    // CSV only: one row of cells, counted as a record (a header row, for instance); the other
-    // formats leave it out.
+    // CSV only: one row of cells that is no record (a header row); the other formats leave it out.
     void csvRow(const QList<QVariant>& cells);
     // Ends the JSON array (the destructor does it too) and flushes.
     void finish();

@@ -62,25 +62,9 @@ QStringList columnNames(const SQliteTable& table) {
     return names;
 }
 
-// A name as text shows it: control characters escaped, so that every name reads on one line.
+// A name as text shows it: on one line, and the empty name as "".
 QString shown(const QString& name) {
-    QString s;
-    for (const QChar c : name) {
-        const ushort u = c.unicode();
-        if (u == '\\')
-            s += "\\\\";
-        else if (u == '\n')
-            s += "\\n";
-        else if (u == '\t')
-            s += "\\t";
-        else if (u == '\r')
-            s += "\\r";
-        else if (u < 0x20 || u == 0x7F)
-            s += QString("\\x%1").arg(u, 2, 16, QChar('0'));
-        else
-            s += c;
-    }
-    return s.isEmpty() ? QStringLiteral("\"\"") : s;
+    return name.isEmpty() ? QStringLiteral("\"\"") : printable(name);
 }
 
 // The schema object named name: a table by its exact name, or failing that by the one name that
@@ -300,7 +284,7 @@ int documentedRows(const Args& args, SQliteDbUtil& db, RecordWriter& writer, con
         writer.record(record);
         return true;
     });
-    writer.line(QString("(%1 rows)").arg(writer.count() - (writer.format() == RecordWriter::Csv ? 1 : 0)));
+    writer.line(QString("(%1 rows)").arg(writer.count()));
     return finishWalk(writer);
 }
 
@@ -337,13 +321,11 @@ int runRows(const Args& args) {
     Walk walk(db);
     walk.setWhat("reading " + shown(name));
     reader.setProgress(walk.reporter());
-    qint64 rows = 0;
     reader.forEachRow([&](const SQliteTableReader::Row& row) {
         writer.record(row);
-        ++rows;
         return true;
     });
-    writer.line(QString("(%1 rows)").arg(rows));
+    writer.line(QString("(%1 rows)").arg(writer.count()));
     const SQliteTableReader::Problems p = reader.problems();
     if (p.any())
         note(QString("%1: %2 pages, %3 cells and %4 records could not be read, %5 overflow chains break off; "
