@@ -15,7 +15,6 @@ namespace plistcompat {
 bool parseTrailer(const char* bytes, uint64_t length, BinaryList* list) {
     if (length < 8 + 32 || std::memcmp(bytes, "bplist00", 8) != 0) return false;
     list->data = reinterpret_cast<const unsigned char*>(bytes);
-    list->length = length;
     const unsigned char* trailer = list->data + length - 32;
     list->offsetSize = trailer[6];
     list->refSize = trailer[7];
@@ -66,7 +65,7 @@ bool binaryTreeShape(const BinaryList& list, uint64_t budget, uint64_t* nodes, u
         if (list.objectOffset(object, &offset))
             list.references(offset, &frame.refsAt, &frame.refCount, &dict);
         for (uint64_t k = 0; dict && k < frame.refCount / 2; ++k) {
-            const uint64_t key = readBigEndian(list.data + frame.refsAt + k * list.refSize, list.refSize);
+            const uint64_t key = list.reference(frame.refsAt, k);
             if (key >= n || keyChecked[key]) continue; // each key text is scanned once
             keyChecked[key] = 1;
             if (list.textWithZero(key)) return false;
@@ -82,8 +81,7 @@ bool binaryTreeShape(const BinaryList& list, uint64_t budget, uint64_t* nodes, u
     while (!stack.empty()) {
         Frame& top = stack.back();
         if (top.next < top.refCount) {
-            const uint64_t child =
-                readBigEndian(list.data + top.refsAt + top.next * list.refSize, list.refSize);
+            const uint64_t child = list.reference(top.refsAt, top.next);
             ++top.next;
             if (child >= n) continue; // the parser rejects it
             if (state[child] == Open) return false;

@@ -60,7 +60,6 @@ inline uint64_t readBigEndian(const unsigned char* p, unsigned width) {
 
 struct BinaryList {
     const unsigned char* data = nullptr;
-    uint64_t length = 0;
     unsigned offsetSize = 0;
     unsigned refSize = 0;
     uint64_t objectCount = 0;
