@@ -84,16 +84,24 @@ bool SQliteDbUtil::loadDb(const QString& path) {
     return loadFile(QSharedPointer<QFile>(new QFile(path)));
 }
 
-bool SQliteDbUtil::loadFile(QSharedPointer<QFile> device) {
+bool SQliteDbUtil::openFile(QSharedPointer<QFile> device, LoadStep* failed) {
     m_source.get()->reset();
     file = std::move(device);
-    if (!file->open(QIODevice::ReadOnly)) return false;
+    if (!file->open(QIODevice::ReadOnly)) return *failed = Opening, false;
     stream = QSharedPointer<QDataStream>(new QDataStream(file.data()));
     stream->setByteOrder(QDataStream::BigEndian);
-    if (!parseDbHeader()) return false;
-    if (!parsePages()) return false;
-    if (!parseFreeListPages(quint32(header.firstFreeListTrunk))) return false;
+    if (!parseDbHeader()) return *failed = Header, false;
+    return true;
+}
+
+bool SQliteDbUtil::loadFile(QSharedPointer<QFile> device, LoadStep* failed) {
+    LoadStep ignored;
+    LoadStep& step = failed ? *failed : ignored;
+    if (!openFile(std::move(device), &step)) return false;
+    if (!parsePages()) return step = Pages, false;
+    if (!parseFreeListPages(quint32(header.firstFreeListTrunk))) return step = FreeList, false;
     parseTables();
+    step = Loaded;
     return true;
 }
 

@@ -136,7 +136,11 @@ private:
     };
     SourceHolder m_source;
     friend SQliteSource& sqliteSource(SQliteDbUtil& db);
-    // loadDb on a file of any kind: the loader opens the live view's overlay this way.
-    bool loadFile(QSharedPointer<QFile> device);
+    // loadDb on a file of any kind: the loader opens the live view's overlay this way. The step
+    // that failed, when one did, for the loader to say why.
+    enum LoadStep { Loaded, Opening, Header, Pages, FreeList };
+    bool loadFile(QSharedPointer<QFile> device, LoadStep* failed = nullptr);
+    // Its first steps: the file opened and its header read.
+    bool openFile(QSharedPointer<QFile> device, LoadStep* failed);
     friend class SQliteLoader;
 };

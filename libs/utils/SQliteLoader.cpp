@@ -34,17 +34,18 @@ SQliteLoader::Report SQliteLoader::load(SQliteDbUtil& db, QSharedPointer<QFile> 
     SQliteSource& source = *db.m_source.get();
     source.largePages = mode == LikeTheEngine;
     if (mode == Documented) {
-        const bool loaded = db.loadFile(file);
+        SQliteDbUtil::LoadStep failed = SQliteDbUtil::Loaded;
+        const bool loaded = db.loadFile(file, &failed);
         r.pageSize = db.header.pageSize;
         r.pageCount = db.header.pageCount;
         if (loaded) return r;
-        if (!db.file->isOpen()) return fail(CannotOpen, "cannot open for reading");
-        if (db.header.magic.isEmpty()) return fail(NotADatabase, "not an SQLite 3 database");
+        if (failed == SQliteDbUtil::Opening) return fail(CannotOpen, "cannot open for reading");
+        if (failed == SQliteDbUtil::Header) return fail(NotADatabase, "not an SQLite 3 database");
         const qint64 size = db.stream->device()->size();
         // The documented check multiplies in 32 bits.
         const qint64 expected =
             sqliteio::narrow32(qint64(quint32(db.header.pageSize) * quint32(db.header.pageCount)));
-        if (size != expected)
+        if (failed == SQliteDbUtil::Pages)
             return fail(
                 SizeMismatch,
                 QString("size %1 does not match the header's %2 of %3 bytes (%4, as the documented loader "
@@ -59,12 +60,9 @@ SQliteLoader::Report SQliteLoader::load(SQliteDbUtil& db, QSharedPointer<QFile> 
     }
 
     // Like the engine: the documented steps, each reading what the engine reads.
-    source.reset();
-    db.file = std::move(file);
-    if (!db.file->open(QIODevice::ReadOnly)) return fail(CannotOpen, "cannot open for reading");
-    db.stream = QSharedPointer<QDataStream>(new QDataStream(db.file.data()));
-    db.stream->setByteOrder(QDataStream::BigEndian);
-    if (!db.parseDbHeader()) {
+    SQliteDbUtil::LoadStep failed = SQliteDbUtil::Loaded;
+    if (!db.openFile(std::move(file), &failed)) {
+        if (failed == SQliteDbUtil::Opening) return fail(CannotOpen, "cannot open for reading");
         return fail(NotADatabase, db.file->size() < kDatabaseHeaderSize ? "too short for an SQLite 3 database"
                                                                         : "not an SQLite 3 database");
     }
