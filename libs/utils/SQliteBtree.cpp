@@ -36,6 +36,16 @@ bool SQliteBtree::readPage(qint64 pageNo, std::vector<uchar>& out) {
 bool SQliteBtree::readPayload(const uchar* image, const Cell& cell, std::vector<uchar>& out,
                               std::vector<qint64>* pages, const std::function<bool(qint64)>& accept) {
     out.assign(image + cell.payloadAt, image + cell.payloadAt + cell.local);
+    return followChain(cell, &out, pages, accept);
+}
+
+bool SQliteBtree::overflowPages(const Cell& cell, std::vector<qint64>& pages,
+                                const std::function<bool(qint64)>& accept) {
+    return followChain(cell, nullptr, &pages, accept);
+}
+
+bool SQliteBtree::followChain(const Cell& cell, std::vector<uchar>* out, std::vector<qint64>* pages,
+                              const std::function<bool(qint64)>& accept) {
     if (cell.local >= cell.payloadSize) return true;
     SQliteSource& src = sqliteSource(m_db);
     const qint64 content = m_geometry.usable - kOverflowHeaderSize;
@@ -48,7 +58,7 @@ bool SQliteBtree::readPayload(const uchar* image, const Cell& cell, std::vector<
         const uchar* p = src.bytes(pos, kOverflowHeaderSize + std::min(left, content), &got);
         if (got < kOverflowHeaderSize) return 0;
         const qint64 take = std::min(left, got - kOverflowHeaderSize);
-        out.insert(out.end(), p + kOverflowHeaderSize, p + kOverflowHeaderSize + take);
+        if (out) out->insert(out->end(), p + kOverflowHeaderSize, p + kOverflowHeaderSize + take);
         if (pages) pages->push_back(page);
         left -= take;
         return left > 0 ? qint64(get32(p)) : 0;

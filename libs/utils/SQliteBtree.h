@@ -33,6 +33,9 @@ public:
     // the chain ended before the payload was whole; out then holds what was read.
     bool readPayload(const uchar* image, const sqlitefmt::Cell& cell, std::vector<uchar>& out,
                      std::vector<qint64>* pages = nullptr, const std::function<bool(qint64)>& accept = {});
+    // The same walk of the overflow chain for its pages alone: nothing is copied.
+    bool overflowPages(const sqlitefmt::Cell& cell, std::vector<qint64>& pages,
+                       const std::function<bool(qint64)>& accept = {});
 
     struct Problems {
         int pages = 0;     // pages of a tree that could not be believed
@@ -67,6 +70,8 @@ public:
     std::vector<qint64> leafPages(qint64 root);
 
 private:
+    bool followChain(const sqlitefmt::Cell& cell, std::vector<uchar>* out, std::vector<qint64>* pages,
+                     const std::function<bool(qint64)>& accept);
     SQliteDbUtil& m_db;
     sqlitefmt::Geometry m_geometry;
     qint64 m_lastPage = 0;

@@ -867,10 +867,14 @@ void SQliteRecovery::Private::loadPages() {
             o.rootPage,
             [&](const SQliteBtree::Entry& e) {
                 overflow.clear();
-                tree.readPayload(e.image, e.cell, payload, &overflow);
+                const bool wanted = t && isTablePage(e.type) == t->table;
+                if (wanted)
+                    tree.readPayload(e.image, e.cell, payload, &overflow);
+                else if (e.cell.overflow)
+                    tree.overflowPages(e.cell, overflow);
                 for (qint64 page : overflow)
                     mark(page);
-                if (!t || isTablePage(e.type) != t->table) return true;
+                if (!wanted) return true;
                 // The live row by its values as stored, with and without its rowid.
                 readRecordHeader(payload.data(), qint64(payload.size()), header);
                 hashes.assign(size_t(n), 0);

@@ -417,7 +417,6 @@ QMap<int, QString> SQliteScanner::pageOwners() {
     QMap<int, QString> owners;
     SQliteBtree tree(d->db);
     if (tree.geometry().usable < sqlitefmt::kSmallestUsable) return owners;
-    std::vector<uchar> payload;
     std::vector<qint64> overflow;
     for (const SQliteSchema::Object& o : SQliteSchema::read(d->db)) {
         if (o.rootPage < 1 || owners.contains(int(o.rootPage))) continue;
@@ -427,7 +426,7 @@ QMap<int, QString> SQliteScanner::pageOwners() {
             [&](const SQliteBtree::Entry& e) {
                 if (!e.cell.overflow) return true;
                 overflow.clear();
-                tree.readPayload(e.image, e.cell, payload, &overflow, unowned);
+                tree.overflowPages(e.cell, overflow, unowned);
                 for (qint64 page : overflow)
                     owners.insert(int(page), o.name);
                 return true;
