@@ -205,12 +205,8 @@ std::vector<qint64> SQliteBtree::leafPages(qint64 root) {
         if (!isInterior(it->type) || !readPage(pageNo, image)) continue;
         const qint64 hdr = btreeHeaderOffset(pageNo);
         const size_t at = todo.size();
-        todo.push_back(get32(image.data() + hdr + page::RightChild));
-        forEachCellPointer(image.data(), m_geometry.usable, hdr, [&](int, qint64 offset) {
-            if (offset + 4 <= m_geometry.usable) todo.push_back(get32(image.data() + offset));
-            return true;
-        });
-        std::reverse(todo.begin() + qint64(at) + 1, todo.end()); // the leftmost child is walked first
+        forEachChild(image.data(), m_geometry.usable, hdr, [&](qint64 child) { todo.push_back(child); });
+        std::reverse(todo.begin() + qint64(at), todo.end()); // the leftmost child is walked first
     }
     return leaves;
 }

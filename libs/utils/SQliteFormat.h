@@ -255,6 +255,16 @@ template <typename Visit> void forEachCellPointer(const uchar* image, qint64 siz
         if (!visit(int(i), qint64(get16(image + first + 2 * i)))) return;
 }
 
+// The children of an interior page whose header is at hdr: the page numbers its cells hold, in
+// order, then its right child.
+template <typename Visit> void forEachChild(const uchar* image, qint64 usable, qint64 hdr, Visit visit) {
+    forEachCellPointer(image, usable, hdr, [&](int, qint64 offset) {
+        if (offset + 4 <= usable) visit(qint64(get32(image + offset)));
+        return true;
+    });
+    visit(qint64(get32(image + hdr + page::RightChild)));
+}
+
 // A freeblock chain from the offset first: read(offset, &next, &size) reads the header of the
 // freeblock at offset (false: the chain ends), visit(offset, next, size) takes it (false: the
 // chain ends). The chain also ends at offset 0 and at an offset met before.

@@ -5,7 +5,6 @@
 #include "SQliteDbUtil.h"
 #include "SQliteFormat.h"
 #include "SQliteLiveView.h"
-#include "SQliteScanner.h"
 #include "SQliteSchema.h"
 #include "SQliteSource.h"
 #include "SQliteValue.h"
@@ -933,11 +932,7 @@ void SQliteRecovery::Private::findOldTrees() {
             if (!isBtreePage(type) || isTablePage(type) != t->table) continue;
             oldTree[size_t(page)] = t->index + 1;
             if (!isInterior(type)) continue;
-            todo.push_back(get32(image.data() + page::RightChild));
-            forEachCellPointer(image.data(), usable, 0, [&](int, qint64 offset) {
-                if (offset + 4 <= usable) todo.push_back(get32(image.data() + offset));
-                return true;
-            });
+            forEachChild(image.data(), usable, 0, [&](qint64 child) { todo.push_back(child); });
         }
     }
 }
@@ -1874,10 +1869,11 @@ bool SQliteRecovery::forEach(const Callback& callback) {
         bool leaf;
     };
     QList<Job> todo;
+    SQliteBtree tree(d->db);
     for (const auto& t : d->targets)
         if (t->wanted && !t->dropped)
-            for (int p : SQliteScanner(d->db).leafPages(t->root))
-                todo.append({p, t.get(), true});
+            for (qint64 p : tree.leafPages(t->root))
+                todo.append({int(p), t.get(), true});
     if (d->freePages)
         for (qint64 p = 2; p <= d->lastPage; ++p)
             if (!d->owned[size_t(p)]) {
