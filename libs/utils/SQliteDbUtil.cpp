@@ -113,7 +113,7 @@ void SQliteDbUtil::close() {
 bool SQliteDbUtil::parseDbHeader() {
     if (!stream || !seek(0) || bytesAvailable() < 100) return false;
     const QString magic = readString(16);
-    if (magic != QLatin1String("SQLite format 3")) return false;
+    if (magic != QLatin1String(sqlitefmt::kMagic)) return false;
     header.magic = magic;
     QDataStream& s = *stream;
     s >> header.pageSize >> header.writeVersion >> header.readVersion >> header.reservedSpace >>

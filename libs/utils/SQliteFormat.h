@@ -27,17 +27,6 @@ namespace header {
 enum Offset : int {
     Magic = 0,
     PageSize = 16, // 2 bytes; 1 stands for 65,536
-    WriteVersion = 18,
-    ReadVersion = 19,
-    ReservedBytes = 20,
-    ChangeCounter = 24,
-    PageCount = 28, // the in-header database size
-    FirstTrunk = 32,
-    FreePageCount = 36,
-    LargestRootPage = 52, // non-zero in auto-vacuum databases
-    TextEncoding = 56,
-    IncrementalVacuum = 64,
-    VersionValidFor = 92, // the change counter when the page count was last written
 };
 } // namespace header
 
@@ -163,9 +152,7 @@ inline Varint readVarint(const uchar* p, qint64 available) {
 // them where the serial types ended.
 struct RecordHeader {
     qint64 size = 0;
-    int sizeLength = 0;
     std::vector<qint64> types;
-    qint64 typesEnd = 0;
     bool wellFormed = false; // every varint whole, and the serial types fill the header exactly
 };
 // The same reading with each serial type handed to push(type) instead of kept; returns where
@@ -188,9 +175,8 @@ inline qint64 readRecordHeader(const uchar* payload, qint64 size, qint64* header
 }
 inline void readRecordHeader(const uchar* payload, qint64 size, RecordHeader& out) {
     out.types.clear();
-    out.sizeLength = readVarint(payload, size).length;
-    out.typesEnd = readRecordHeader(payload, size, &out.size, &out.wellFormed,
-                                    [&out](qint64 type) { out.types.push_back(type); });
+    readRecordHeader(payload, size, &out.size, &out.wellFormed,
+                     [&out](qint64 type) { out.types.push_back(type); });
 }
 
 // The bytes a value of a serial type takes: none for NULL, 0, 1, the reserved 10 and 11, and
