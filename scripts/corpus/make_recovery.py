@@ -142,29 +142,12 @@ def record(fields):
     return varint(size) + types + b"".join(b for _, b in fields), size
 
 
-def local_size(payload, usable, index):
-    """How much of a payload a leaf keeps on its page (index: a WITHOUT ROWID b-tree)."""
-    most = (usable - 12) * 64 // 255 - 23 if index else usable - 35
-    least = (usable - 12) * 32 // 255 - 23
-    if payload <= most:
-        return payload
-    k = least + (payload - least) % (usable - 4)
-    return k if k <= most else least
-
-
 def live_ranges(data, page_size, usable):
     """Sorted (start, end) byte ranges of the file that live cells occupy, overflow pages
     included: every b-tree reached from page 1's schema."""
     u16 = lambda o: struct.unpack(">H", data[o:o + 2])[0]
     u32 = lambda o: struct.unpack(">I", data[o:o + 4])[0]
-
-    def read_varint(p):
-        v = 0
-        for i in range(8):
-            v = (v << 7) | (data[p + i] & 0x7F)
-            if data[p + i] < 0x80:
-                return v, p + i + 1
-        return (v << 8) | data[p + 8], p + 9
+    read_varint = lambda p: mv.read_varint(data, p)
 
     pages = len(data) // page_size
     con = sqlite3.connect(":memory:")  # only to read the schema's root pages from the bytes
@@ -194,7 +177,7 @@ def live_ranges(data, page_size, usable):
             size, p = read_varint(p)
             if kind == 13:
                 p = read_varint(p)[1]
-            local = local_size(size, usable, kind != 13)
+            local = mv.local_size(size, usable, kind != 13)
             ranges.append((start, p + local + (4 if size > local else 0)))
             if size > local:
                 nxt = u32(p + local)
@@ -207,9 +190,7 @@ def live_ranges(data, page_size, usable):
 
 
 def varint_end(buf, p):
-    for i in range(9):
-        if i == 8 or buf[p + i] < 0x80:
-            return p + i + 1
+    return mv.read_varint(buf, p)[1]
 
 
 class FreeBytes:
@@ -286,7 +267,7 @@ class Table:
         out = []
         for n in range(len(fields), (self.min_stored or len(fields)) - 1, -1):
             rec, hlen = record(fields[:n])
-            local = local_size(len(rec), usable, self.without_rowid)
+            local = mv.local_size(len(rec), usable, self.without_rowid)
             head = varint(len(rec)) + (b"" if self.without_rowid else varint(rowid))
             out.append((n, head + rec[:local], rec, hlen))
         return out
@@ -460,7 +441,7 @@ class Builder:
         for n, cell, rec, hlen in t.cells(rowid, values, self.codec, self.usable):
             if data.find(cell) >= 0:
                 return {"rowid": rowid, "values": values, "record": rec, "hlen": hlen, "key": key, "fields": n,
-                        "table": t, "overflow": len(rec) > local_size(len(rec), self.usable, t.without_rowid)}
+                        "table": t, "overflow": len(rec) > mv.local_size(len(rec), self.usable, t.without_rowid)}
         sys.exit(f"{self.path}: the cell of {t.name} row {key} {values!r} is not in the file")
 
     def pick(self, targets):
@@ -720,7 +701,7 @@ def finish(b, data):
         rows = []
         for p in t.deleted:
             rec, hlen = p["record"], p["hlen"]
-            local = local_size(len(rec), b.usable, t.without_rowid)
+            local = mv.local_size(len(rec), b.usable, t.without_rowid)
             needle = rec[varint_end(rec, varint_end(rec, 0)):local]
             if not needle:  # nothing but serial types: the whole cell must be there
                 needle = varint(len(rec)) + (b"" if t.without_rowid else varint(p["rowid"])) + rec[:local]

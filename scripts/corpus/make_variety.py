@@ -462,6 +462,26 @@ SERIAL = {0: "null", 1: "int8", 2: "int16", 3: "int24", 4: "int32", 5: "int48", 
           7: "real", 8: "zero", 9: "one"}
 
 
+def read_varint(buf, p):
+    """The varint at p of buf: its value and where it ends."""
+    v = 0
+    for i in range(8):
+        v = (v << 7) | (buf[p + i] & 0x7F)
+        if buf[p + i] < 0x80:
+            return v, p + i + 1
+    return (v << 8) | buf[p + 8], p + 9
+
+
+def local_size(payload, usable, index):
+    """How much of a payload a leaf keeps on its page (index: an index or WITHOUT ROWID b-tree)."""
+    most = (usable - 12) * 64 // 255 - 23 if index else usable - 35
+    least = (usable - 12) * 32 // 255 - 23
+    if payload <= most:
+        return payload
+    k = least + (payload - least) % (usable - 4)
+    return k if k <= most else least
+
+
 def record_stats(path, roots):
     """Walks each b-tree from its root and counts rows, stored values by serial-type class,
     overflowing cells and the pages of their chains, reading only record headers."""
@@ -471,14 +491,7 @@ def record_stats(path, roots):
         usable = ps - m[20]
         u16 = lambda o: struct.unpack(">H", m[o:o + 2])[0]
         u32 = lambda o: struct.unpack(">I", m[o:o + 4])[0]
-
-        def varint(buf, p):
-            v = 0
-            for i in range(8):
-                v = (v << 7) | (buf[p + i] & 0x7F)
-                if buf[p + i] < 0x80:
-                    return v, p + i + 1
-            return (v << 8) | buf[p + 8], p + 9
+        varint = read_varint
 
         def prefix(start, size, local, need):
             buf, page = bytes(m[start:start + min(local, need)]), u32(start + local) if size > local else 0
@@ -511,12 +524,7 @@ def record_stats(path, roots):
                     size, p = varint(m, p)
                     if kind == 13:
                         _, p = varint(m, p)
-                        top = usable - 35
-                    else:
-                        top = (usable - 12) * 64 // 255 - 23
-                    least = (usable - 12) * 32 // 255 - 23
-                    local = size if size <= top else least + (size - least) % (usable - 4)
-                    local = local if local <= top else least
+                    local = local_size(size, usable, kind != 13)
                     if size > local:
                         stats["overflowCells"] += 1
                         stats["overflowPages"] += -(-(size - local) // (usable - 4))
