@@ -187,8 +187,6 @@ QList<QVariant> fieldValues(std::initializer_list<RecordWriter::Field> fields,
     return all + values;
 }
 
-// Text and blobs of a record read in place straight from its bytes: true when written. Other
-// values, and text that is not plain ASCII in a byte encoding, go through the decoded value.
 // A row as the engine reads it: the rowid when it has one, then the values, separated.
 void appendRow(QByteArray& out, const SQliteTableReader::Row& row, RecordWriter::Format format,
                const char* separator) {
@@ -199,6 +197,8 @@ void appendRow(QByteArray& out, const SQliteTableReader::Row& row, RecordWriter:
     }
 }
 
+// Text and blobs of a record read in place straight from its bytes: true when written. Other
+// values, and text that is not plain ASCII in a byte encoding, go through the decoded value.
 bool appendViewBytes(QByteArray& out, const SQliteScanner::RecordView& view, int i, bool json) {
     const int type = view.serialType(i);
     if (type < 12) return false;
@@ -210,8 +210,7 @@ bool appendViewBytes(QByteArray& out, const SQliteScanner::RecordView& view, int
         return true;
     }
     if (view.textEncoding() == 2 || view.textEncoding() == 3) return false;
-    for (qint64 k = 0; k < n; ++k)
-        if (p[k] >= 0x80) return false;
+    if (!isAscii(p, n)) return false;
     out += '"';
     appendEscaped(out, p, int(n), json);
     out += '"';
